@@ -1,0 +1,209 @@
+#include "tarni/classes.h"
+
+#include <new>
+
+#include "registries.h"
+#include "tarni/hierarchy.h"
+
+namespace tarni {
+namespace detail {
+namespace {
+
+// The framework's plain hierarchy object class.
+class HierarchyObjectImpl final : public HierarchyComponent<HierarchyObject> {
+  TARNI_IMPLEMENTS(HierarchyObjectImpl, HierarchyObject)
+ public:
+  Result<void> CopyFrom(const Object& source) noexcept override {
+    const auto* other = SameClass<HierarchyObjectImpl>(source);
+    if (other == nullptr) return IllegalArgumentError("Illegal argument: copy from another class.");
+    return CopyHierarchyFrom(*other);
+  }
+};
+
+constexpr Id kHierarchyInterfaces[] = {HierarchyObject::kInterfaceId};
+
+void RegisterKernelClasses(Registries& registries) noexcept;
+}  // namespace
+
+Registries& GetRegistries() noexcept {
+  alignas(Registries) static unsigned char storage[sizeof(Registries)];
+  static Registries* registries = [] {
+    auto* made = ::new (storage) Registries();
+    RegisterKernelClasses(*made);
+    return made;
+  }();
+  return *registries;
+}
+
+namespace {
+void RegisterKernelClasses(Registries& registries) noexcept {
+  static const ClassRecord record{HierarchyObject::kClassId,
+                                  "HierarchyObjectImpl",
+                                  "hierarchy",
+                                  &CreateInstance<HierarchyObjectImpl>,
+                                  nullptr,
+                                  {},
+                                  kHierarchyInterfaces,
+                                  {}};
+  auto* info = New<ClassInfo>(record);
+  if (info != nullptr && !registries.classes.Insert(record.classId, info)) Delete(info);
+}
+}  // namespace
+}  // namespace detail
+
+Result<Ref<Object>> ClassInfo::Create() const noexcept {
+  if (_record.create == nullptr) return NullReferenceError("Class has no creation function.");
+  Ref<Object> object(_record.create());
+  if (!object) return NullReferenceError("Class could not create an instance.");
+  object->SetClass(this);
+  TARNI_TRY(object->Init());
+  return object;
+}
+
+const StaticFunction* ClassInfo::FindStatic(std::string_view name) const noexcept {
+  for (const StaticFunction& function : _record.statics)
+    if (name == function.name) return &function;
+  return nullptr;
+}
+
+bool ClassInfo::HasBase(const Id& classId) const noexcept {
+  for (const Id& base : _record.baseClasses)
+    if (base == classId) return true;
+  return false;
+}
+
+Result<const ClassInfo*> RegisterClass(const ClassRecord& record) noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  if (registries.classes.Find(record.classId) != nullptr)
+    return IllegalStateError("Illegal state: class id already registered.");
+  auto* info = New<ClassInfo>(record);
+  if (info == nullptr) return OutOfMemoryError();
+  if (auto inserted = registries.classes.Insert(record.classId, info); !inserted) {
+    Delete(info);
+    return inserted.error();
+  }
+  return static_cast<const ClassInfo*>(info);
+}
+
+void UnregisterClass(const Id& classId) noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  ClassInfo** info = registries.classes.Find(classId);
+  if (info == nullptr) return;
+  // Instances keep pointing at their ClassInfo, so it is kept (retired); only the registration
+  // goes.
+  if (!registries.retired.Append(*info)) return;  // keep it registered rather than lose it
+  registries.classes.Erase(classId);
+  registries.generation.fetch_add(1, std::memory_order_acq_rel);
+}
+
+const ClassInfo* FindClass(const Id& classId) noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  ClassInfo* const* info = registries.classes.Find(classId);
+  return info ? *info : nullptr;
+}
+
+Result<BaseArray<const ClassInfo*>> ListClasses() noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  BaseArray<const ClassInfo*> list;
+  for (const auto& entry : registries.classes) TARNI_TRY(list.Append(entry.value));
+  return list;
+}
+
+std::uint64_t ClassRegistryGeneration() noexcept {
+  return detail::GetRegistries().generation.load(std::memory_order_acquire);
+}
+
+Result<Ref<Object>> CreateObject(const Id& classId) noexcept {
+  const ClassInfo* info = FindClass(classId);
+  if (info == nullptr) return NullReferenceError("Class could not be resolved.");
+  return info->Create();
+}
+
+const ClassInfo* ClassHandle::Resolve() const noexcept {
+  const std::uint64_t generation = ClassRegistryGeneration();
+  const ClassInfo* info = _info.load(std::memory_order_acquire);
+  if (info != nullptr && _generation.load(std::memory_order_acquire) == generation) return info;
+  info = FindClass(_classId);
+  _info.store(info, std::memory_order_release);
+  _generation.store(generation, std::memory_order_release);
+  return info;
+}
+
+// Data types and registry entries share the registries' lock.
+Result<void> RegisterDataType(const DataType& type) noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  if (registries.dataTypes.Find(type.id) != nullptr)
+    return IllegalStateError("Illegal state: data type id already registered.");
+  return registries.dataTypes.Insert(type.id, &type);
+}
+
+void UnregisterDataType(const Id& id) noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  registries.dataTypes.Erase(id);
+}
+
+const DataType* FindDataType(const Id& id) noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  const DataType* const* type = registries.dataTypes.Find(id);
+  return type ? *type : nullptr;
+}
+
+void AppendEnumText(TextBuilder& out, const DataType& type, std::int64_t value) noexcept {
+  for (const EnumMember& member : type.enumMembers) {
+    if (member.value == value) {
+      out.Append(member.name);
+      return;
+    }
+  }
+  out.AppendInt(value);
+}
+
+Result<void> RegisterEntry(const RegistryEntry& entry) noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  for (const RegistryEntry& existing : registries.entries)
+    if (existing.registryId == entry.registryId && existing.entryId == entry.entryId)
+      return IllegalStateError("Illegal state: registry entry already registered.");
+  return registries.entries.Append(entry);
+}
+
+void UnregisterEntry(const Id& registryId, const Id& entryId) noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  for (Int i = 0; i < registries.entries.GetCount(); ++i) {
+    if (registries.entries[i].registryId == registryId && registries.entries[i].entryId == entryId) {
+      registries.entries.Erase(i);
+      return;
+    }
+  }
+}
+
+bool FindEntry(const Id& registryId, const Id& entryId, RegistryEntry* found) noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  for (const RegistryEntry& entry : registries.entries) {
+    if (entry.registryId == registryId && entry.entryId == entryId) {
+      if (found != nullptr) *found = entry;
+      return true;
+    }
+  }
+  return false;
+}
+
+Result<BaseArray<RegistryEntry>> ListEntries(const Id& registryId) noexcept {
+  auto& registries = detail::GetRegistries();
+  std::lock_guard lock(registries.mutex);
+  BaseArray<RegistryEntry> list;
+  for (const RegistryEntry& entry : registries.entries)
+    if (entry.registryId == registryId) TARNI_TRY(list.Append(entry));
+  return list;
+}
+
+}  // namespace tarni

@@ -1,0 +1,43 @@
+// InternedId: the framework's interned identifier. Equal texts are one object, so identifiers
+// compare by address. Interned texts live until the process ends: the set of identifiers a process
+// uses is small, and immortal entries keep copies free of reference counting.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "tarni/format.h"
+#include "tarni/result.h"
+#include "tarni/string.h"
+
+namespace tarni {
+
+namespace detail {
+struct InternedData;
+}
+
+class InternedId {
+ public:
+  // The empty identifier (no value).
+  constexpr InternedId() noexcept = default;
+
+  // The interned identifier of `text`; the empty text gives the empty identifier. Fails only when
+  // memory runs out.
+  static Result<InternedId> Make(std::string_view text) noexcept;
+
+  bool IsEmpty() const noexcept { return _data == nullptr; }
+  std::string_view GetText() const noexcept;
+  // The id hash word of the text (see id.h).
+  std::uint64_t GetHashWord() const noexcept;
+
+  // The same interned object.
+  bool operator==(const InternedId& other) const noexcept { return _data == other._data; }
+
+  void AppendText(TextBuilder& out) const noexcept { out.Append(GetText()); }
+  String ToString(const FormatStatement* = nullptr) const noexcept;
+
+ private:
+  const detail::InternedData* _data = nullptr;
+};
+
+}  // namespace tarni

@@ -1,0 +1,82 @@
+#include "character/nodeinfocomponent.h"
+#include "module/units.h"
+#include "tarni/characternodetransform.h"
+
+namespace tarni::ca {
+namespace {
+
+class CharacterNodeTransformImpl final : public NodeInfoComponent<CharacterNodeTransform> {
+  TARNI_IMPLEMENTS(CharacterNodeTransformImpl, CharacterNodeTransform)
+ public:
+  void SetGlobalMatrix(const Matrix& matrix) noexcept override { _globalMat = matrix; }
+  const Matrix& GetGlobalMatrix() const noexcept override { return _globalMat; }
+  void SetParentGlobalMatrix(const Matrix& matrix) noexcept override { _parentGlobalMat = matrix; }
+  const Matrix& GetParentGlobalMatrix() const noexcept override { return _parentGlobalMat; }
+  void SetPreMultiplyMatrix(const Matrix& matrix) noexcept override { _preMultiplyMat = matrix; }
+  const Matrix& GetPreMultiplyMatrix() const noexcept override { return _preMultiplyMat; }
+
+  // Also the text asked through the CharacterNodeInfo interface: one virtual serves both.
+  String ToString(const FormatStatement* format = nullptr) const noexcept override {
+    TextBuilder out;
+    AppendNodeInfoText(out, format);
+    out.Append("Global Matrix :\n");
+    AppendMatrixText(out, _globalMat, format);
+    out.Append("\nParent Global Matrix :\n");
+    AppendMatrixText(out, _parentGlobalMat, format);
+    out.Append("\nPre-Multiply Matrix :\n");
+    AppendMatrixText(out, _preMultiplyMat, format);
+    out.Append('\n');
+    return out.ToString();
+  }
+
+  // A clone copies the matrices and shares the node-info fields.
+  Result<void> CopyFrom(const Object& source) noexcept override {
+    const auto* other = SameClass<CharacterNodeTransformImpl>(source);
+    if (other == nullptr) return IllegalArgumentError("Illegal argument: copy from another class.");
+    CopyNodeInfoFrom(*other);
+    _globalMat = other->_globalMat;
+    _parentGlobalMat = other->_parentGlobalMat;
+    _preMultiplyMat = other->_preMultiplyMat;
+    return OK;
+  }
+
+  Result<void> DescribeIO(Describer& describer) noexcept override {
+    return Describe(describer, this);
+  }
+  // The node-info members, then "_globalMat", "_parentGlobalMat", "_preMultiplyMat".
+  static Result<void> Describe(Describer& describer, CharacterNodeTransformImpl* self) noexcept {
+    TARNI_TRY(DescribeNodeInfo(describer, self));
+    TARNI_TRY(describer.Member(
+        {"_globalMat", types::kMatrix, kDescribeNone, {}, self ? &self->_globalMat : nullptr}));
+    TARNI_TRY(describer.Member({"_parentGlobalMat", types::kMatrix, kDescribeNone, {},
+                                self ? &self->_parentGlobalMat : nullptr}));
+    return describer.Member({"_preMultiplyMat", types::kMatrix, kDescribeNone, {},
+                             self ? &self->_preMultiplyMat : nullptr});
+  }
+
+ private:
+  Matrix _globalMat;
+  Matrix _parentGlobalMat;
+  Matrix _preMultiplyMat;
+};
+
+constexpr Id kInterfaces[] = {CharacterNodeTransform::kInterfaceId,
+                              CharacterNodeInfo::kInterfaceId};
+constexpr Id kBases[] = {CharacterNodeInfo::kClassId};
+const StaticFunction kStatics[] = {
+    {"CreateNodeTransform", reinterpret_cast<void (*)()>(&CreateNodeTransform)},
+    {"DescribeIO", reinterpret_cast<void (*)()>(&DescribeClass<CharacterNodeTransformImpl>)},
+};
+
+}  // namespace
+
+const ClassRecord kCharacterNodeTransformClass{CharacterNodeTransform::kClassId,
+                                               "CharacterNodeTransformImpl",
+                                               "characternodetransform_impl",
+                                               &CreateInstance<CharacterNodeTransformImpl>,
+                                               &DescribeClass<CharacterNodeTransformImpl>,
+                                               kBases,
+                                               kInterfaces,
+                                               kStatics};
+
+}  // namespace tarni::ca

@@ -1,0 +1,49 @@
+// The module's registration list: what it publishes, in the fixed order the units run at load.
+// The list is data (g_tarni.registrations) so hosts and tests can read it.
+#include "module/units.h"
+#include "tarni/characternodetransform.h"
+
+namespace tarni::ca {
+namespace {
+
+using enum RegistrationKind;
+
+// Frameworks whose interfaces the module's code uses are declared, not registered into anything.
+#define TARNI_FRAMEWORK(idText) \
+  Registration { kFramework, Id(idText), "", "module", nullptr, nullptr }
+#define TARNI_OBJECT_CLASS(classId, record, implementation, unit)                              \
+  Registration {                                                                              \
+    kObjectClass, classId, implementation, unit, &RegisterObjectClass<record>,                \
+        &UnregisterObjectClass<record>                                                        \
+  }
+
+constexpr Registration kRegistrations[] = {
+    TARNI_FRAMEWORK("net.tarni.ca.framework"),
+    TARNI_FRAMEWORK("net.tarni.tarni.framework"),
+    TARNI_FRAMEWORK("net.tarni.core.framework"),
+    TARNI_FRAMEWORK("net.tarni.command.framework"),
+    TARNI_FRAMEWORK("net.tarni.animation_base_private.framework"),
+    // Rows in the order of the module's units.
+    TARNI_OBJECT_CLASS(CharacterNodeInfo::kClassId, kCharacterNodeInfoClass,
+                       "CharacterNodeInfoImpl", "characternodeinfo_impl"),
+    TARNI_OBJECT_CLASS(CharacterNodeTransform::kClassId, kCharacterNodeTransformClass,
+                       "CharacterNodeTransformImpl", "characternodetransform_impl"),
+    Registration{kReflection, Id(".reflection"), "[reflection registration]", "reflection", nullptr,
+                 nullptr},
+};
+
+#undef TARNI_FRAMEWORK
+#undef TARNI_OBJECT_CLASS
+
+}  // namespace
+}  // namespace tarni::ca
+
+// The module block: the plugin's one exported symbol.
+extern "C" __attribute__((visibility("default"))) const tarni::ModuleBlock g_tarni{
+    tarni::kModuleAbiVersion, tarni::Id("net.tarni.ca"), tarni::Id("net.tarni.kernel"),
+    tarni::ca::kRegistrations,
+    static_cast<std::int64_t>(sizeof(tarni::ca::kRegistrations) / sizeof(tarni::Registration))};
+
+namespace tarni::ca {
+const ModuleBlock& GetModuleBlock() noexcept { return g_tarni; }
+}  // namespace tarni::ca
