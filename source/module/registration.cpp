@@ -11,10 +11,25 @@ using enum RegistrationKind;
 // Frameworks whose interfaces the module's code uses are declared, not registered into anything.
 #define TARNI_FRAMEWORK(idText) \
   Registration { kFramework, Id(idText), "", "module", nullptr, nullptr }
-#define TARNI_OBJECT_CLASS(classId, record, implementation, unit)                              \
-  Registration {                                                                              \
-    kObjectClass, classId, implementation, unit, &RegisterObjectClass<record>,                \
-        &UnregisterObjectClass<record>                                                        \
+#define TARNI_OBJECT_CLASS(classId, record, implementation, unit)              \
+  Registration {                                                               \
+    kObjectClass, classId, implementation, unit, &RegisterObjectClass<record>, \
+        &UnregisterObjectClass<record>                                         \
+  }
+
+#define TARNI_DATA_TYPE_ROW(typeId, type, typeName, unit)                                         \
+  Registration {                                                                                  \
+    kDataType, typeId, typeName, unit, &RegisterDataTypeUnit<type>, &UnregisterDataTypeUnit<type> \
+  }
+#define TARNI_COMMAND_CLASS(classId, record, implementation, unit)               \
+  Registration {                                                                 \
+    kCommandClass, classId, implementation, unit, &RegisterCommandClass<record>, \
+        &UnregisterCommandClass<record>                                          \
+  }
+#define TARNI_COMMAND_DATA_CLASS(classId, record, implementation, unit)                  \
+  Registration {                                                                         \
+    kCommandDataClass, classId, implementation, unit, &RegisterCommandDataClass<record>, \
+        &UnregisterCommandDataClass<record>                                              \
   }
 
 constexpr Registration kRegistrations[] = {
@@ -28,12 +43,28 @@ constexpr Registration kRegistrations[] = {
                        "CharacterNodeInfoImpl", "characternodeinfo_impl"),
     TARNI_OBJECT_CLASS(CharacterNodeTransform::kClassId, kCharacterNodeTransformClass,
                        "CharacterNodeTransformImpl", "characternodetransform_impl"),
+    // characterpose_impl
+    // charactertree_impl
+    // characterbodypart_impl
+    // characterassociation_impl
+    // retargetbasehelper_impl
+    // characterbodypartsolversetting_impl
+    // characterdefinition_impl
+    // charactersolverconfiguration_impl
+    // charactersolver_impl
+    // keyframe: TARNI_DATA_TYPE_ROW(...)
+    // reducedmodificationcurve: TARNI_COMMAND_CLASS(...)
+    // bezierfitter: TARNI_COMMAND_CLASS(...)
+    // animationdata_impl: TARNI_COMMAND_DATA_CLASS(...)
     Registration{kReflection, Id(".reflection"), "[reflection registration]", "reflection", nullptr,
                  nullptr},
 };
 
 #undef TARNI_FRAMEWORK
 #undef TARNI_OBJECT_CLASS
+#undef TARNI_DATA_TYPE_ROW
+#undef TARNI_COMMAND_CLASS
+#undef TARNI_COMMAND_DATA_CLASS
 
 }  // namespace
 }  // namespace tarni::ca
