@@ -1,11 +1,7 @@
 // Test entry point: registers the statically linked module once, then runs the suites.
 #include <gtest/gtest.h>
 
-#include "tarni/module.h"
-
-namespace tarni::ca {
-const ModuleBlock& GetModuleBlock() noexcept;
-}
+#include "tarni/ca.h"
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
