@@ -75,6 +75,9 @@ extern const ClassRecord kCharacterNodeTransformClass;  // characternodetransfor
 extern const ClassRecord kCharacterPoseClass;           // characterpose_impl
 extern const ClassRecord kCharacterTreeClass;           // charactertree_impl
 extern const ClassRecord kCharacterBodyPartClass;       // characterbodypart_impl
+// The body part's unit registers its class and its attribute-transfer-mode data type.
+Result<void> RegisterCharacterBodyPartUnit() noexcept;
+void UnregisterCharacterBodyPartUnit() noexcept;
 extern const ClassRecord kCharacterAssociationClass;    // characterassociation_impl
 extern const ClassRecord kRetargetBaseHelperClass;      // retargetbasehelper_impl
 extern const ClassRecord
