@@ -2,6 +2,10 @@
 // The list is data (g_tarni.registrations) so hosts and tests can read it.
 #include "module/units.h"
 #include "tarni/characternodetransform.h"
+#include "tarni/characterbodypart.h"
+#include "tarni/characterdefinition.h"
+#include "tarni/characterpose.h"
+#include "tarni/charactertree.h"
 
 namespace tarni::ca {
 namespace {
@@ -43,13 +47,19 @@ constexpr Registration kRegistrations[] = {
                        "CharacterNodeInfoImpl", "characternodeinfo_impl"),
     TARNI_OBJECT_CLASS(CharacterNodeTransform::kClassId, kCharacterNodeTransformClass,
                        "CharacterNodeTransformImpl", "characternodetransform_impl"),
-    // characterpose_impl
-    // charactertree_impl
-    // characterbodypart_impl
+    TARNI_OBJECT_CLASS(CharacterPose::kClassId, kCharacterPoseClass, "CharacterPoseImpl",
+                       "characterpose_impl"),
+    TARNI_OBJECT_CLASS(CharacterTree::kClassId, kCharacterTreeClass, "CharacterTreeImpl",
+                       "charactertree_impl"),
+    // The body part's unit also registers its attribute-transfer-mode data type.
+    Registration{kObjectClass, CharacterBodyPart::kClassId, "CharacterBodyPartImpl",
+                 "characterbodypart_impl", &RegisterCharacterBodyPartUnit,
+                 &UnregisterCharacterBodyPartUnit},
     // characterassociation_impl
     // retargetbasehelper_impl
     // characterbodypartsolversetting_impl
-    // characterdefinition_impl
+    TARNI_OBJECT_CLASS(CharacterDefinition::kClassId, kCharacterDefinitionClass,
+                       "CharacterDefinitionImpl", "characterdefinition_impl"),
     // charactersolverconfiguration_impl
     // charactersolver_impl
     // keyframe: TARNI_DATA_TYPE_ROW(...)
