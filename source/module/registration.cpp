@@ -2,6 +2,7 @@
 // The list is data (g_tarni.registrations) so hosts and tests can read it.
 #include "module/units.h"
 #include "tarni/characternodetransform.h"
+#include "tarni/characterbodypartsolversetting.h"
 #include "tarni/characterbodypart.h"
 #include "tarni/characterdefinition.h"
 #include "tarni/characterpose.h"
@@ -57,7 +58,9 @@ constexpr Registration kRegistrations[] = {
                  &UnregisterCharacterBodyPartUnit},
     // characterassociation_impl
     // retargetbasehelper_impl
-    // characterbodypartsolversetting_impl
+    TARNI_OBJECT_CLASS(CharacterBodyPartSolverSetting::kClassId,
+                       kCharacterBodyPartSolverSettingClass, "CharacterBodyPartSolverSettingImpl",
+                       "characterbodypartsolversetting_impl"),
     TARNI_OBJECT_CLASS(CharacterDefinition::kClassId, kCharacterDefinitionClass,
                        "CharacterDefinitionImpl", "characterdefinition_impl"),
     // charactersolverconfiguration_impl
