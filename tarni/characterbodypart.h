@@ -52,6 +52,7 @@ class CharacterBodyPart : public virtual CharacterNodeInfo, public virtual Hiera
 
   // Stores the identifier (the key of associations and solver settings). Never fails.
   virtual Result<void> SetIdentifier(const InternedId& identifier) noexcept = 0;
+  // The stored identifier; empty for a body part made by class id.
   virtual const InternedId& GetIdentifier() const noexcept = 0;
 
   // The list setters replace the stored list by a copy of `list` (duplicates and order kept;
@@ -76,6 +77,7 @@ class CharacterBodyPart : public virtual CharacterNodeInfo, public virtual Hiera
   virtual bool GetSettingValue(BodyPartSettingFlag flag) const noexcept = 0;
   // Stores the mode; a value outside the enumeration is ignored. BYNAME for a fresh body part.
   virtual void SetAttributeTransferMode(BODYPARTTRANSFERATTRIBUTEMODE mode) noexcept = 0;
+  // The stored mode.
   virtual BODYPARTTRANSFERATTRIBUTEMODE GetAttributeTransferMode() const noexcept = 0;
 
   // As SetControllers, for the skeleton nodes.
