@@ -2,6 +2,8 @@
 // The list is data (g_tarni.registrations) so hosts and tests can read it.
 #include "module/units.h"
 #include "tarni/characternodetransform.h"
+#include "tarni/charactersolverconfiguration.h"
+#include "tarni/characterassociation.h"
 #include "tarni/characterbodypartsolversetting.h"
 #include "tarni/characterbodypart.h"
 #include "tarni/characterdefinition.h"
@@ -56,14 +58,16 @@ constexpr Registration kRegistrations[] = {
     Registration{kObjectClass, CharacterBodyPart::kClassId, "CharacterBodyPartImpl",
                  "characterbodypart_impl", &RegisterCharacterBodyPartUnit,
                  &UnregisterCharacterBodyPartUnit},
-    // characterassociation_impl
+    TARNI_OBJECT_CLASS(CharacterAssociation::kClassId, kCharacterAssociationClass,
+                       "CharacterAssociationImpl", "characterassociation_impl"),
     // retargetbasehelper_impl
     TARNI_OBJECT_CLASS(CharacterBodyPartSolverSetting::kClassId,
                        kCharacterBodyPartSolverSettingClass, "CharacterBodyPartSolverSettingImpl",
                        "characterbodypartsolversetting_impl"),
     TARNI_OBJECT_CLASS(CharacterDefinition::kClassId, kCharacterDefinitionClass,
                        "CharacterDefinitionImpl", "characterdefinition_impl"),
-    // charactersolverconfiguration_impl
+    TARNI_OBJECT_CLASS(CharacterSolverConfiguration::kClassId, kCharacterSolverConfigurationClass,
+                       "CharacterSolverConfigurationImpl", "charactersolverconfiguration_impl"),
     // charactersolver_impl
     // keyframe: TARNI_DATA_TYPE_ROW(...)
     // reducedmodificationcurve: TARNI_COMMAND_CLASS(...)
