@@ -2,6 +2,7 @@
 // The list is data (g_tarni.registrations) so hosts and tests can read it.
 #include "module/units.h"
 #include "tarni/characternodetransform.h"
+#include "tarni/retargetbasehelper.h"
 #include "tarni/charactersolverconfiguration.h"
 #include "tarni/characterassociation.h"
 #include "tarni/characterbodypartsolversetting.h"
@@ -60,7 +61,8 @@ constexpr Registration kRegistrations[] = {
                  &UnregisterCharacterBodyPartUnit},
     TARNI_OBJECT_CLASS(CharacterAssociation::kClassId, kCharacterAssociationClass,
                        "CharacterAssociationImpl", "characterassociation_impl"),
-    // retargetbasehelper_impl
+    TARNI_OBJECT_CLASS(RetargetBaseHelper::kClassId, kRetargetBaseHelperClass,
+                       "RetargetBaseHelperImpl", "retargetbasehelper_impl"),
     TARNI_OBJECT_CLASS(CharacterBodyPartSolverSetting::kClassId,
                        kCharacterBodyPartSolverSettingClass, "CharacterBodyPartSolverSettingImpl",
                        "characterbodypartsolversetting_impl"),

@@ -1,0 +1,287 @@
+// Retarget base helper: keyword filling, association by identifier with its statistics, renaming
+// a pose and counting matches, on small hand-built characters.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "character/modelfault.h"
+#include "tarni/retargetbasehelper.h"
+
+namespace tarni {
+namespace {
+
+using namespace tarni::literals;
+
+Uuid U(std::uint64_t low) { return Uuid::Make(0, low).value(); }
+InternedId Ident(std::string_view text) { return InternedId::Make(text).value(); }
+
+BaseArray<Uuid> Uuids(std::initializer_list<std::uint64_t> lows) {
+  BaseArray<Uuid> list;
+  for (std::uint64_t low : lows) EXPECT_TRUE(list.Append(U(low)));
+  return list;
+}
+std::vector<std::uint64_t> Lows(const BaseArray<Uuid>& list) {
+  std::vector<std::uint64_t> lows;
+  for (const Uuid& id : list) lows.push_back(id.GetLow());
+  return lows;
+}
+BaseArray<String> Texts(std::initializer_list<const char*> texts) {
+  BaseArray<String> list;
+  for (const char* text : texts) EXPECT_TRUE(list.Append(String::Make(text).value()));
+  return list;
+}
+
+RetargetBaseHelperRef MakeHelper() {
+  return CreateObject<RetargetBaseHelper>(RetargetBaseHelper::kClassId).value();
+}
+CharacterBodyPartRef MakePart(std::string_view identifier) {
+  return CreateBodyPart(Ident(identifier), String::Make(identifier).value()).value();
+}
+CharacterBodyPartRef MakePart(std::string_view identifier,
+                              std::initializer_list<const char*> keywords,
+                              std::initializer_list<const char*> discard = {}) {
+  CharacterBodyPartRef part = MakePart(identifier);
+  EXPECT_TRUE(part->SetSkeletonKeywords(Texts(keywords)));
+  EXPECT_TRUE(part->SetSkeletonDiscardKeywords(Texts(discard)));
+  return part;
+}
+
+// A skeleton whose node k (1-based, in pre-order) has the Uuid k:
+// 1 Hips -> 2 Spine -> 3 LeftShoulder -> 4 LeftArm -> 5 LeftForeArm -> 6 LeftHandTwist
+//   -> 7 LeftHand; 2 Spine -> 8 RightArm; 1 Hips -> 9 LeftUpLeg.
+struct Skeleton {
+  std::vector<CharacterTreeRef> nodes;
+  Skeleton() {
+    const char* names[] = {"Hips",          "Spine",    "LeftShoulder", "LeftArm",  "LeftForeArm",
+                           "LeftHandTwist", "LeftHand", "RightArm",     "LeftUpLeg"};
+    const int parents[] = {0, 1, 2, 3, 4, 5, 6, 2, 1};
+    for (int k = 1; k <= 9; ++k) {
+      nodes.push_back(CreateTree(U(k), String::Make(names[k - 1]).value(), true).value());
+      if (parents[k - 1] > 0) {
+        EXPECT_TRUE(nodes[parents[k - 1] - 1]->InsertChild(nodes.back()));
+      }
+    }
+  }
+  const CharacterTreeRef& Root() const { return nodes[0]; }
+};
+
+// A pose holding nodes with the given Uuids (identity matrices).
+CharacterPoseRef MakePose(std::initializer_list<std::uint64_t> lows) {
+  CharacterPoseRef pose(CreateObject<CharacterPose>(CharacterPose::kClassId).value());
+  BaseArray<CharacterNodeTransformRef> nodes;
+  for (std::uint64_t low : lows)
+    EXPECT_TRUE(nodes.Append(CreateNodeTransform(U(low), Matrix(), Matrix()).value()));
+  EXPECT_TRUE(pose.MakeWritable().value()->SetNodeTransformArray(nodes));
+  return pose;
+}
+
+TEST(RetargetBaseHelper, KeywordPartsMustAllOccurIgnoringCase) {
+  RetargetBaseHelperRef helper = MakeHelper();
+  Skeleton skeleton;
+  {
+    // Every part of an "&&" keyword must occur; each matching node is added once, in walk order.
+    CharacterBodyPartRef part = MakePart("leftarm", {"arm&&left"});
+    ASSERT_TRUE(helper->FillBodyPart(skeleton.Root(), part));
+    EXPECT_EQ(Lows(part->GetSkeleton()), (std::vector<std::uint64_t>{4, 5}));
+  }
+  {
+    // Substrings, not whole words, and letter case does not matter on either side.
+    CharacterBodyPartRef part = MakePart("arms", {"ARM", "Left"});
+    ASSERT_TRUE(helper->FillBodyPart(skeleton.Root(), part));
+    EXPECT_EQ(Lows(part->GetSkeleton()), (std::vector<std::uint64_t>{3, 4, 5, 6, 7, 8, 9}));
+  }
+  {
+    // Keywords without parts never match.
+    CharacterBodyPartRef part = MakePart("none", {"&&", "", "&&&&"});
+    ASSERT_TRUE(helper->FillBodyPart(skeleton.Root(), part));
+    EXPECT_TRUE(part->GetSkeleton().IsEmpty());
+  }
+  {
+    // Only the given node's sub-hierarchy is searched.
+    CharacterBodyPartRef part = MakePart("hand", {"hand"});
+    ASSERT_TRUE(helper->FillBodyPart(skeleton.nodes[4], part));
+    EXPECT_EQ(Lows(part->GetSkeleton()), (std::vector<std::uint64_t>{6, 7}));
+  }
+}
+
+TEST(RetargetBaseHelper, DiscardRejectsANodeButNotItsChildren) {
+  RetargetBaseHelperRef helper = MakeHelper();
+  Skeleton skeleton;
+  CharacterBodyPartRef part = MakePart("hand", {"hand", "arm"}, {"twist", "fore&&LEFT"});
+  ASSERT_TRUE(helper->FillBodyPart(skeleton.Root(), part));
+  // LeftForeArm and LeftHandTwist are rejected; LeftHand below them is still found.
+  EXPECT_EQ(Lows(part->GetSkeleton()), (std::vector<std::uint64_t>{4, 7, 8}));
+}
+
+TEST(RetargetBaseHelper, FillsEveryBodyPartOfTheHierarchy) {
+  RetargetBaseHelperRef helper = MakeHelper();
+  Skeleton skeleton;
+  CharacterBodyPartRef body = MakePart("body");
+  CharacterBodyPartRef spine = MakePart("spine", {"spine"});
+  CharacterBodyPartRef leg = MakePart("leg", {"leg"});
+  CharacterBodyPartRef foot = MakePart("foot");
+  ASSERT_TRUE(body->InsertChild(spine));
+  ASSERT_TRUE(body->InsertChild(leg));
+  ASSERT_TRUE(leg->InsertChild(foot));
+  // Lists from an earlier fill are replaced, emptied where there are no keywords.
+  ASSERT_TRUE(body->SetSkeleton(Uuids({99})));
+  ASSERT_TRUE(foot->SetSkeleton(Uuids({98})));
+  ASSERT_TRUE(helper->FillBodyPart(skeleton.Root(), body));
+  EXPECT_TRUE(body->GetSkeleton().IsEmpty());
+  EXPECT_EQ(Lows(spine->GetSkeleton()), (std::vector<std::uint64_t>{2}));
+  EXPECT_EQ(Lows(leg->GetSkeleton()), (std::vector<std::uint64_t>{9}));
+  EXPECT_TRUE(foot->GetSkeleton().IsEmpty());
+  {
+    // Without keywords the tree is not needed; with them a missing tree is an error.
+    ASSERT_TRUE(helper->FillBodyPart(nullptr, foot));
+    EXPECT_TRUE(helper->FillBodyPart(nullptr, leg).error().Is(ErrorKind::kNullReference));
+    EXPECT_TRUE(
+        helper->FillBodyPart(skeleton.Root(), nullptr).error().Is(ErrorKind::kNullReference));
+  }
+}
+
+TEST(RetargetBaseHelper, AssociatesByIdentifierPairingNodesByPosition) {
+  RetargetBaseHelperRef helper = MakeHelper();
+  // Source: body [10] -> arm (skeleton 1,2,3; controllers 20) , body -> tail (no partner).
+  // Destination: root -> body [11] -> arm (skeleton 4,5; controllers 21, 22).
+  CharacterBodyPartRef src = MakePart("body");
+  CharacterBodyPartRef srcArm = MakePart("arm");
+  CharacterBodyPartRef srcTail = MakePart("tail");
+  ASSERT_TRUE(src->InsertChild(srcArm));
+  ASSERT_TRUE(src->InsertChild(srcTail));
+  ASSERT_TRUE(src->SetSkeleton(Uuids({10})));
+  ASSERT_TRUE(srcArm->SetSkeleton(Uuids({1, 2, 3})));
+  ASSERT_TRUE(srcArm->SetControllers(Uuids({20})));
+  ASSERT_TRUE(srcTail->SetSkeleton(Uuids({30})));
+  CharacterBodyPartRef dst = MakePart("root");
+  CharacterBodyPartRef dstBody = MakePart("body");
+  CharacterBodyPartRef dstArm = MakePart("arm");
+  ASSERT_TRUE(dst->InsertChild(dstBody));
+  ASSERT_TRUE(dstBody->InsertChild(dstArm));
+  ASSERT_TRUE(dstBody->SetSkeleton(Uuids({11})));
+  ASSERT_TRUE(dstArm->SetSkeleton(Uuids({4, 5})));
+  ASSERT_TRUE(dstArm->SetControllers(Uuids({21, 22})));
+
+  // The counters are added to, never reset; the totals are set from the running sums.
+  RetargetAssociationStatistics stats;
+  stats.visitedBodyParts = 100;
+  stats.sourceSkeletonNodes = 1000;
+  stats.sourceNodesTotal = -7;
+  auto associated = helper->AssociateBodyPartsByIdentifier(src, dst, stats);
+  ASSERT_TRUE(associated);
+  const CharacterAssociationRef& association = associated.value();
+  EXPECT_EQ(stats.visitedBodyParts, 103);
+  EXPECT_EQ(stats.associatedBodyParts, 2);
+  EXPECT_EQ(stats.sourceSkeletonNodes, 1000 + 1 + 3);
+  EXPECT_EQ(stats.sourceControllerNodes, 1);
+  EXPECT_EQ(stats.sourceNodesTotal, 1005);
+  EXPECT_EQ(stats.destinationSkeletonNodes, 1 + 2);
+  EXPECT_EQ(stats.destinationControllerNodes, 2);
+  EXPECT_EQ(stats.destinationNodesTotal, 5);
+  EXPECT_EQ(stats.associatedSkeletonPairs, 1 + 2);
+  EXPECT_EQ(stats.associatedControllerPairs, 1);
+  EXPECT_EQ(stats.associatedPairsTotal, 4);
+
+  // Pairs by index, both directions; the third source node and the tail stay unpaired.
+  EXPECT_EQ(association->GetAssociatedUuid(U(1)).value().GetLow(), 4u);
+  EXPECT_EQ(association->GetAssociatedUuid(U(5)).value().GetLow(), 2u);
+  EXPECT_EQ(association->GetAssociatedUuid(U(10)).value().GetLow(), 11u);
+  EXPECT_EQ(association->GetAssociatedUuid(U(20)).value().GetLow(), 21u);
+  EXPECT_FALSE(association->GetAssociatedUuid(U(3)));
+  EXPECT_FALSE(association->GetAssociatedUuid(U(22)));
+  EXPECT_FALSE(association->GetAssociatedUuid(U(30)));
+  EXPECT_EQ(association->GetAssociatedId(Ident("arm")).value(), Ident("arm"));
+  EXPECT_FALSE(association->GetAssociatedId(Ident("tail")));
+  {
+    // A null side is refused with the fixed text, raised by the helper.
+    auto refused = helper->AssociateBodyPartsByIdentifier(src, nullptr, stats);
+    ASSERT_FALSE(refused);
+    EXPECT_TRUE(refused.error().Is(ErrorKind::kIllegalArgument));
+    EXPECT_EQ(refused.error().GetMessage(),
+              "Illegal argument: Condition srcBodyPart && dstBodyPart not fulfilled. ");
+    EXPECT_EQ(refused.error().GetUnit(), "retargetbasehelper_impl");
+    EXPECT_EQ(stats.visitedBodyParts, 103);
+  }
+}
+
+TEST(RetargetBaseHelper, TranslatesPoseToTargetIdentitiesLeavingTheInputAlone) {
+  RetargetBaseHelperRef helper = MakeHelper();
+  CharacterAssociationRef association(
+      CreateObject<CharacterAssociation>(CharacterAssociation::kClassId).value());
+  CharacterAssociation& table = *association.MakeWritable().value();
+  ASSERT_TRUE(table.AssociateUuid(U(1), U(101)));
+  ASSERT_TRUE(table.AssociateUuid(U(2), U(102)));
+  CharacterPoseRef pose = MakePose({2, 1, 2});
+  const CharacterNodeTransform* firstNode = pose->GetNodeTransformArray()[0].Get();
+
+  auto translated = helper->TranslateSrcToDestID(association, pose);
+  ASSERT_TRUE(translated);
+  const CharacterPoseRef& result = translated.value();
+  EXPECT_NE(result.Get(), pose.Get());
+  std::vector<std::uint64_t> lows;
+  for (const auto& node : result->GetNodeTransformArray()) lows.push_back(node->GetUuid().GetLow());
+  EXPECT_EQ(lows, (std::vector<std::uint64_t>{102, 101, 102}));
+  // The input pose still holds its own nodes with their own Uuids.
+  EXPECT_EQ(pose->GetNodeTransformArray()[0].Get(), firstNode);
+  EXPECT_EQ(firstNode->GetUuid().GetLow(), 2u);
+  EXPECT_NE(result->GetNodeTransformArray()[0].Get(), firstNode);
+  {
+    // A node without partner stops the translation with the association's error.
+    auto failed = helper->TranslateSrcToDestID(association, MakePose({1, 7, 2}));
+    ASSERT_FALSE(failed);
+    EXPECT_EQ(failed.error().GetMessage(), "No value associated to this Uuid");
+    EXPECT_TRUE(
+        helper->TranslateSrcToDestID(association, nullptr).error().Is(ErrorKind::kNullReference));
+  }
+  {
+    // Out of memory anywhere: the error, and the input pose unchanged.
+    const int failures = testing::ForEachFailingAllocation(
+        [] {}, [&] { return helper->TranslateSrcToDestID(association, pose); },
+        [&](const Result<CharacterPoseRef>& failed) {
+          EXPECT_FALSE(failed.has_value());
+          EXPECT_TRUE(failed.error().Is(ErrorKind::kOutOfMemory) ||
+                      failed.error().Is(ErrorKind::kNullReference));
+          EXPECT_EQ(pose->GetNodeTransformArray()[0].Get(), firstNode);
+          EXPECT_EQ(firstNode->GetUuid().GetLow(), 2u);
+        });
+    EXPECT_GT(failures, 0);
+  }
+}
+
+TEST(RetargetBaseHelper, CountsMatchingNodesOwnOrOverTheSubHierarchy) {
+  RetargetBaseHelperRef helper = MakeHelper();
+  CharacterBodyPartRef body = MakePart("body");
+  CharacterBodyPartRef arm = MakePart("arm");
+  ASSERT_TRUE(body->InsertChild(arm));
+  ASSERT_TRUE(body->SetSkeleton(Uuids({1, 2, 9, 1})));
+  ASSERT_TRUE(arm->SetSkeleton(Uuids({3, 8})));
+  ASSERT_TRUE(body->SetControllers(Uuids({4})));
+  ASSERT_TRUE(arm->SetControllers(Uuids({5, 6})));
+  CharacterPoseRef pose = MakePose({1, 2, 3, 5, 6});
+  // A repeated Uuid counts each time.
+  EXPECT_EQ(helper->FindSkeletonMatchingCount(body, pose, false).value(), 3);
+  EXPECT_EQ(helper->FindSkeletonMatchingCount(body, pose, true).value(), 4);
+  EXPECT_EQ(helper->FindControllerMatchingCount(body, pose, false).value(), 0);
+  EXPECT_EQ(helper->FindControllerMatchingCount(body, pose, true).value(), 2);
+  EXPECT_EQ(helper->FindControllerMatchingCount(arm, pose, true).value(), 2);
+  // A null body part has no nodes; a null pose is an error.
+  EXPECT_EQ(helper->FindSkeletonMatchingCount(nullptr, pose, true).value(), 0);
+  EXPECT_TRUE(helper->FindSkeletonMatchingCount(body, nullptr, false)
+                  .error()
+                  .Is(ErrorKind::kNullReference));
+}
+
+TEST(RetargetBaseHelper, FillingOutOfMemoryIsReported) {
+  RetargetBaseHelperRef helper = MakeHelper();
+  Skeleton skeleton;
+  CharacterBodyPartRef part = MakePart("arm", {"arm&&left", "hand"}, {"twist"});
+  const int failures = testing::ForEachFailingAllocation(
+      [] {}, [&] { return helper->FillBodyPart(skeleton.Root(), part); },
+      [](const Result<void>& result) { EXPECT_TRUE(result.error().Is(ErrorKind::kOutOfMemory)); });
+  EXPECT_GT(failures, 0);
+  EXPECT_EQ(Lows(part->GetSkeleton()), (std::vector<std::uint64_t>{4, 5, 7}));
+}
+
+}  // namespace
+}  // namespace tarni
