@@ -2,6 +2,7 @@
 // The list is data (g_tarni.registrations) so hosts and tests can read it.
 #include "module/units.h"
 #include "tarni/characternodetransform.h"
+#include "tarni/charactersolver.h"
 #include "tarni/retargetbasehelper.h"
 #include "tarni/charactersolverconfiguration.h"
 #include "tarni/characterassociation.h"
@@ -70,7 +71,8 @@ constexpr Registration kRegistrations[] = {
                        "CharacterDefinitionImpl", "characterdefinition_impl"),
     TARNI_OBJECT_CLASS(CharacterSolverConfiguration::kClassId, kCharacterSolverConfigurationClass,
                        "CharacterSolverConfigurationImpl", "charactersolverconfiguration_impl"),
-    // charactersolver_impl
+    TARNI_OBJECT_CLASS(CharacterSolver::kClassId, kCharacterSolverClass, "CharacterSolverImpl",
+                       "charactersolver_impl"),
     // keyframe: TARNI_DATA_TYPE_ROW(...)
     // reducedmodificationcurve: TARNI_COMMAND_CLASS(...)
     // bezierfitter: TARNI_COMMAND_CLASS(...)
