@@ -154,7 +154,18 @@ class BaseArray {
     if (n > _capacity) {
       if (Reallocate(n).has_error()) return OutOfMemoryError();
     }
-    for (Int i = 0; i < n; ++i) ::new (&_data[i]) T(source[i]);
+    for (Int i = 0; i < n; ++i) {
+      if constexpr (std::is_copy_constructible_v<T>) {
+        ::new (&_data[i]) T(source[i]);
+      } else {  // elements that copy through CopyFrom, such as arrays of arrays
+        ::new (&_data[i]) T();
+        _count = i + 1;
+        if (_data[i].CopyFrom(source[i]).has_error()) {
+          Flush();
+          return OutOfMemoryError();
+        }
+      }
+    }
     _count = n;
     return OK;
   }

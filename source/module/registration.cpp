@@ -73,10 +73,15 @@ constexpr Registration kRegistrations[] = {
                        "CharacterSolverConfigurationImpl", "charactersolverconfiguration_impl"),
     TARNI_OBJECT_CLASS(CharacterSolver::kClassId, kCharacterSolverClass, "CharacterSolverImpl",
                        "charactersolver_impl"),
-    // keyframe: TARNI_DATA_TYPE_ROW(...)
-    // reducedmodificationcurve: TARNI_COMMAND_CLASS(...)
-    // bezierfitter: TARNI_COMMAND_CLASS(...)
-    // animationdata_impl: TARNI_COMMAND_DATA_CLASS(...)
+    TARNI_DATA_TYPE_ROW(Id("net.tarni.animation.datatype.keyframe"), kKeyframeDataType,
+                        "tarni::Key", "keyframe"),
+    TARNI_COMMAND_CLASS(Id("net.tarni.command.animation.timeline.reducedmodificationcurve"),
+                        kReducedModificationCurveClass, "ReducedModificationCurveCommand",
+                        "reducedmodificationcurve"),
+    TARNI_COMMAND_CLASS(Id("net.tarni.command.animation.timeline.bezierfitter"),
+                        kBezierFitterClass, "BezierFitterCommand", "bezierfitter"),
+    TARNI_COMMAND_DATA_CLASS(Id("net.tarni.command.animation"), kAnimationDataClass,
+                             "AnimationDataImpl", "animationdata_impl"),
     Registration{kReflection, Id(".reflection"), "[reflection registration]", "reflection", nullptr,
                  nullptr},
 };

@@ -1,0 +1,190 @@
+// The reduced-modification-curve command and the animation command data it runs on.
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "curvecommands.h"
+#include "tarni/classes.h"
+
+namespace tarni {
+namespace {
+
+using namespace tarni::curvetest;
+
+constexpr float kFloatMax = std::numeric_limits<float>::max();
+
+struct Outcome {
+  Result<KeyCurves> curves;
+  Result<Shared<MinMaxArray>> ranges;
+};
+
+Outcome RunModification(const KeyCurves& curves, std::int64_t type) {
+  Ref<CommandData> data = MakeAnimationData();
+  EXPECT_TRUE(data->Set<KeyCurves>(kAnimationCurvesId, CopyCurves(curves)));
+  EXPECT_TRUE(data->Set<std::int64_t>(kModificationCurveTypeId, type));
+  Result<KeyCurves> out = ExecuteAndReadCurves(kReducedModificationCurveCommandId, *data);
+  return {std::move(out), data->GetShared<MinMaxArray>(kMinMaxArrId)};
+}
+
+void ExpectKey(const Key& key, float time, float value) {
+  EXPECT_EQ(key.flags, 0u);
+  EXPECT_EQ(key.position.x, time);
+  EXPECT_EQ(key.position.y, value);
+  for (float f : {key.leftTangent.x, key.leftTangent.y, key.rightTangent.x, key.rightTangent.y})
+    EXPECT_EQ(f, -1.0f);
+}
+
+TEST(ReducedModificationCurve, BuildsEachCurveType) {
+  KeyArray curve = MakeCurve({{0, 3}, {10, -1}, {20, 5}});
+  curve[0].flags = 0x402u;
+  curve[1].rightTangent = {2.0f, 2.0f};
+  KeyArray one = MakeCurve({{4, 7}});
+  KeyArray empty;
+  const KeyCurves curves = MakeCurves({&curve, &one, &empty});
+
+  // Flat maximum: two keys at the maximum (deliberately not the minimum), and the range; an
+  // empty curve stays empty with the untouched extremes as its range.
+  {
+    Outcome out = RunModification(curves, 2);
+    ASSERT_TRUE(out.curves) << out.curves.error().GetMessage();
+    ASSERT_EQ(out.curves.value()[0].GetCount(), 2);
+    ExpectKey(out.curves.value()[0][0], 0, 5);
+    ExpectKey(out.curves.value()[0][1], 20, 5);
+    ASSERT_EQ(out.curves.value()[1].GetCount(), 2);
+    ExpectKey(out.curves.value()[1][0], 4, 7);
+    ExpectKey(out.curves.value()[1][1], 4, 7);
+    EXPECT_TRUE(out.curves.value()[2].IsEmpty());
+    ASSERT_TRUE(out.ranges);
+    const MinMaxArray& ranges = out.ranges.value()->value;
+    ASSERT_EQ(ranges.GetCount(), 3);
+    EXPECT_EQ(ranges[0].minimum, -1.0f);
+    EXPECT_EQ(ranges[0].maximum, 5.0f);
+    EXPECT_EQ(ranges[1].minimum, 7.0f);
+    EXPECT_EQ(ranges[1].maximum, 7.0f);
+    EXPECT_EQ(ranges[2].minimum, kFloatMax);
+    EXPECT_EQ(ranges[2].maximum, -kFloatMax);
+  }
+  // Linear: the first and the last key's positions; a one-key curve gives two equal positions;
+  // the ranges are written, empty.
+  {
+    Outcome out = RunModification(curves, 1);
+    ASSERT_TRUE(out.curves);
+    ASSERT_EQ(out.curves.value()[0].GetCount(), 2);
+    ExpectKey(out.curves.value()[0][0], 0, 3);
+    ExpectKey(out.curves.value()[0][1], 20, 5);
+    ExpectKey(out.curves.value()[1][0], 4, 7);
+    ExpectKey(out.curves.value()[1][1], 4, 7);
+    EXPECT_TRUE(out.curves.value()[2].IsEmpty());
+    ASSERT_TRUE(out.ranges);
+    EXPECT_TRUE(out.ranges.value()->value.IsEmpty());
+  }
+  // Fitted: curves of up to two keys unchanged; longer ones exactly as the fitter reduces them at
+  // strength 1 without locked keys or key selection.
+  {
+    KeyArray two = MakeCurve({{0, 1}, {1, 2}});
+    two[0].flags = 0x10000u;
+    const KeyArray longer =
+        SampledCurve(120, [](double t) { return 20 * std::sin(3 * t) + t * t; });
+    Outcome out = RunModification(MakeCurves({&two, &longer, &empty}), 0);
+    ASSERT_TRUE(out.curves);
+    EXPECT_TRUE(SameBits(out.curves.value()[0], two));
+    auto fitted = RunFitter(MakeCurves({&longer}), {.strength = 1.0f});
+    ASSERT_TRUE(fitted);
+    EXPECT_TRUE(SameBits(out.curves.value()[1], fitted.value()[0]));
+    EXPECT_LT(out.curves.value()[1].GetCount(), longer.GetCount());
+    EXPECT_TRUE(out.curves.value()[2].IsEmpty());
+    ASSERT_TRUE(out.ranges);
+    EXPECT_TRUE(out.ranges.value()->value.IsEmpty());
+  }
+}
+
+TEST(ReducedModificationCurve, UnknownTypeAndEmptySelection) {
+  const KeyArray curve = MakeCurve({{0, 3}, {10, -1}, {20, 5}});
+  // Any other type: the curves value the host gave, untouched, and an empty range array.
+  for (std::int64_t type : {-1, 3, 1000}) {
+    Ref<CommandData> data = MakeAnimationData();
+    ASSERT_TRUE(data->Set<KeyCurves>(kAnimationCurvesId, MakeCurves({&curve})));
+    ASSERT_TRUE(data->Set<std::int64_t>(kModificationCurveTypeId, type));
+    const Shared<KeyCurves> before = data->GetShared<KeyCurves>(kAnimationCurvesId).value();
+    auto out = ExecuteAndReadCurves(kReducedModificationCurveCommandId, *data);
+    ASSERT_TRUE(out);
+    EXPECT_EQ(data->GetShared<KeyCurves>(kAnimationCurvesId).value().Get(), before.Get());
+    EXPECT_TRUE(SameBits(out.value()[0], curve));
+    auto ranges = data->GetShared<MinMaxArray>(kMinMaxArrId);
+    ASSERT_TRUE(ranges);
+    EXPECT_TRUE(ranges.value()->value.IsEmpty());
+  }
+  // No curves at all: no curves and no ranges, for every type.
+  for (std::int64_t type : {0, 1, 2}) {
+    Outcome out = RunModification(KeyCurves(), type);
+    ASSERT_TRUE(out.curves);
+    EXPECT_TRUE(out.curves.value().IsEmpty());
+    ASSERT_TRUE(out.ranges);
+    EXPECT_TRUE(out.ranges.value()->value.IsEmpty());
+  }
+}
+
+TEST(ReducedModificationCurve, PassesOnErrors) {
+  const KeyArray curve = MakeCurve({{0, 3}, {10, -1}, {20, 5}});
+  // No curve type: the dictionary's error, and nothing written.
+  {
+    Ref<CommandData> data = MakeAnimationData();
+    ASSERT_TRUE(data->Set<KeyCurves>(kAnimationCurvesId, MakeCurves({&curve})));
+    auto out = ExecuteAndReadCurves(kReducedModificationCurveCommandId, *data);
+    ASSERT_FALSE(out);
+    EXPECT_TRUE(out.error().Is(ErrorKind::kUnresolved));
+    EXPECT_FALSE(data->HasValue(kMinMaxArrId));
+  }
+  // The fitter's error ends the command: neither curves nor ranges are written.
+  {
+    const KeyArray bad = MakeCurve({{0, 3}, {10, -1}, {5, 5}});
+    Ref<CommandData> data = MakeAnimationData();
+    ASSERT_TRUE(data->Set<KeyCurves>(kAnimationCurvesId, MakeCurves({&curve, &bad})));
+    ASSERT_TRUE(data->Set<std::int64_t>(kModificationCurveTypeId, 0));
+    const Shared<KeyCurves> before = data->GetShared<KeyCurves>(kAnimationCurvesId).value();
+    auto out = ExecuteAndReadCurves(kReducedModificationCurveCommandId, *data);
+    ASSERT_FALSE(out);
+    EXPECT_TRUE(out.error().Is(ErrorKind::kIllegalArgument));
+    EXPECT_EQ(out.error().GetMessage(), "Illegal argument: key times are not in ascending order.");
+    EXPECT_EQ(data->GetShared<KeyCurves>(kAnimationCurvesId).value().Get(), before.Get());
+    EXPECT_FALSE(data->HasValue(kMinMaxArrId));
+  }
+}
+
+TEST(AnimationData, DictionaryAndObserverCopiedByDictionaryOnly) {
+  Ref<CommandData> data = MakeAnimationData();
+  ASSERT_TRUE(data);
+  // Both components answer through the object.
+  Ref<CommandObserver> observer = Cast<CommandObserver>(data);
+  ASSERT_TRUE(observer);
+  observer->RequestCancel();
+
+  const KeyArray curve = MakeCurve({{0, 1}, {1, 2}, {2, 3}});
+  ASSERT_TRUE(data->Set<KeyCurves>(kAnimationCurvesId, MakeCurves({&curve})));
+  ASSERT_TRUE(data->Set<std::int32_t>(kProjectFpsId, 24));
+
+  // A copy assigns the dictionary: the same shared values, not the observer's state.
+  auto clone = data->Clone();
+  ASSERT_TRUE(clone);
+  Ref<CommandData> copy = Cast<CommandData>(clone.value());
+  ASSERT_TRUE(copy);
+  EXPECT_EQ(copy->Get<std::int32_t>(kProjectFpsId).value(), 24);
+  Shared<KeyCurves> shared = copy->GetShared<KeyCurves>(kAnimationCurvesId).value();
+  EXPECT_EQ(shared.Get(), data->GetShared<KeyCurves>(kAnimationCurvesId).value().Get());
+  EXPECT_FALSE(Cast<CommandObserver>(clone.value())->IsCancelRequested());
+
+  // Unsharing the copy's curves leaves the original's alone.
+  KeyCurves& writable = shared.MakeWritable().value()->value;
+  writable[0][0].position.y = 99.0f;
+  EXPECT_EQ(data->GetShared<KeyCurves>(kAnimationCurvesId).value()->value[0][0].position.y, 1.0f);
+  EXPECT_EQ(writable[0].GetCount(), 3);
+
+  // The class names its two base components.
+  const ClassInfo* info = FindClass(kAnimationCommandDataClassId);
+  ASSERT_NE(info, nullptr);
+  EXPECT_TRUE(info->HasBase(Id("net.tarni.class.datadictionaryblockarraysmallobject")));
+  EXPECT_TRUE(info->HasBase(Id("net.tarni.command.class.observer")));
+}
+
+}  // namespace
+}  // namespace tarni
