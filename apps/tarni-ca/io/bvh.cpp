@@ -19,6 +19,10 @@ namespace {
 constexpr int64_t kMaxFrames = 10'000'000;
 constexpr int64_t kMaxValues = int64_t{1} << 31;
 
+// Indentation is only for people reading a written file; past a depth no skeleton reaches it stops
+// growing, so a pathological chain of joints costs linear rather than quadratic space.
+constexpr size_t kMaxIndent = 64;
+
 constexpr std::string_view kChannelNames[] = {"Xposition", "Yposition", "Zposition",
                                               "Xrotation", "Yrotation", "Zrotation"};
 
@@ -375,6 +379,10 @@ class BvhParser {
           return Fail(token.line, "joint '" + joint.name + "' has no OFFSET");
         }
         open_.pop_back();
+      } else if (IEquals(token.text, "MOTION")) {
+        return Fail(token.line, "MOTION inside the hierarchy: the block of joint '" + joint.name +
+                                    "' opened at line " + std::to_string(block.line) +
+                                    " is not closed (a '}' is missing)");
       } else if (IEquals(token.text, "ROOT")) {
         return Fail(token.line, "ROOT inside joint '" + joint.name +
                                     "': expected JOINT, or '}' to close the joint");
@@ -782,7 +790,7 @@ std::string WriteBvhImpl(const BvhMotion& motion) {
 
   std::vector<size_t> order;  // joints in the order written, for the frame rows
   order.reserve(count);
-  auto indent = [&out](size_t depth) { out.append(depth, '\t'); };
+  auto indent = [&out](size_t depth) { out.append(std::min(depth, kMaxIndent), '\t'); };
   auto appendOffset = [&out](const double(&offset)[3]) {
     out += "OFFSET";
     for (double value : offset) {

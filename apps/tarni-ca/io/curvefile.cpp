@@ -18,6 +18,9 @@ namespace {
 using Json = nlohmann::json;
 
 constexpr double kFloatMax = std::numeric_limits<float>::max();
+// Doubles below this in magnitude round to a finite float: FLT_MAX plus half its last place. The
+// text of FLT_MAX itself ("3.4028235e+38") reads as a double just above FLT_MAX.
+constexpr double kFloatLimit = 0x1.ffffffp+127;
 
 // The shortest text for `value` that reads back as the same float when parsed the way JSON
 // readers do: as a double, then rounded to float. The shortest float text is almost always
@@ -26,6 +29,11 @@ constexpr double kFloatMax = std::numeric_limits<float>::max();
 void AppendFloat(std::string& out, float value) {
   if (!std::isfinite(value)) {
     out += "null";
+    return;
+  }
+  // JSON readers take "-0" for the integer zero and lose the sign; "-0.0" is a float.
+  if (value == 0 && std::signbit(value)) {
+    out += "-0.0";
     return;
   }
   char buffer[64];
@@ -42,6 +50,10 @@ void AppendFloat(std::string& out, float value) {
 void AppendDouble(std::string& out, double value) {
   if (!std::isfinite(value)) {
     out += "null";
+    return;
+  }
+  if (value == 0 && std::signbit(value)) {
+    out += "-0.0";
     return;
   }
   char buffer[32];
@@ -195,10 +207,10 @@ class CurveFileParser {
   bool Float(const Json& value, const std::string& path, float& number) {
     double wide = 0;
     if (!Number(value, path, wide)) return false;
-    if (std::fabs(wide) > kFloatMax) {
+    if (!(std::fabs(wide) < kFloatLimit)) {
       return Fail(path, value.dump() + " does not fit a 32-bit float");
     }
-    number = static_cast<float>(wide);
+    number = static_cast<float>(std::clamp(wide, -kFloatMax, kFloatMax));
     return true;
   }
 

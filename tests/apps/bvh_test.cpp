@@ -1,0 +1,649 @@
+#include "io/bvh.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <string>
+
+#include "io/atomicfile.h"
+
+namespace tarni::host {
+namespace {
+
+using ::testing::HasSubstr;
+
+// Three joints: a 6-channel root, a 3-channel joint with an End Site and one without. Line 24 holds
+// the first frame row.
+constexpr std::string_view kSmall =
+    "HIERARCHY\n"
+    "ROOT Hips\n"
+    "{\n"
+    "\tOFFSET 1 2 3\n"
+    "\tCHANNELS 6 Xposition Yposition Zposition Zrotation Yrotation Xrotation\n"
+    "\tJOINT Spine\n"
+    "\t{\n"
+    "\t\tOFFSET 0 5 0\n"
+    "\t\tCHANNELS 3 Zrotation Xrotation Yrotation\n"
+    "\t\tEnd Site\n"
+    "\t\t{\n"
+    "\t\t\tOFFSET 0 1 0.25\n"
+    "\t\t}\n"
+    "\t}\n"
+    "\tJOINT Leg\n"
+    "\t{\n"
+    "\t\tOFFSET 1 -4 0\n"
+    "\t\tCHANNELS 3 Xrotation Yrotation Zrotation\n"
+    "\t}\n"
+    "}\n"
+    "MOTION\n"
+    "Frames: 2\n"
+    "Frame Time: 0.5\n"
+    "1 2 3 4 5 6 7 8 9 10 11 12\n"
+    "13 14 15 16 17 18 19 20 21 22 23 24\n";
+
+std::string Replace(std::string_view text, std::string_view from, std::string_view to) {
+  std::string result(text);
+  const size_t at = result.find(from);
+  EXPECT_NE(at, std::string::npos) << "test text lacks '" << from << "'";
+  if (at != std::string::npos) result.replace(at, from.size(), to);
+  return result;
+}
+
+std::string ReplaceAll(std::string text, std::string_view from, std::string_view to) {
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+BvhMotion ReadOk(std::string_view text) {
+  BvhMotion motion;
+  IoError error;
+  EXPECT_TRUE(ReadBvh(text, "test.bvh", motion, error)) << error.ToText();
+  return motion;
+}
+
+// Reads text that must be turned down; the motion must come back empty.
+IoError ReadFails(std::string_view text) {
+  BvhMotion motion;
+  motion.frameCount = 7;
+  IoError error;
+  EXPECT_FALSE(ReadBvh(text, "test.bvh", motion, error));
+  EXPECT_EQ(error.file, "test.bvh");
+  EXPECT_FALSE(error.message.empty());
+  EXPECT_TRUE(motion.joints.empty() && motion.values.empty() && motion.frameCount == 0);
+  return error;
+}
+
+bool SameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+void ExpectSameMotion(const BvhMotion& a, const BvhMotion& b) {
+  ASSERT_EQ(a.joints.size(), b.joints.size());
+  for (size_t j = 0; j < a.joints.size(); ++j) {
+    SCOPED_TRACE(a.joints[j].name);
+    EXPECT_EQ(a.joints[j].name, b.joints[j].name);
+    EXPECT_EQ(a.joints[j].parent, b.joints[j].parent);
+    EXPECT_EQ(a.joints[j].channels, b.joints[j].channels);
+    EXPECT_EQ(a.joints[j].hasEndSite, b.joints[j].hasEndSite);
+    for (int k = 0; k < 3; ++k) {
+      EXPECT_TRUE(SameBits(a.joints[j].offset[k], b.joints[j].offset[k]));
+      EXPECT_TRUE(SameBits(a.joints[j].endSite[k], b.joints[j].endSite[k]));
+    }
+  }
+  EXPECT_EQ(a.frameCount, b.frameCount);
+  EXPECT_TRUE(SameBits(a.frameTime, b.frameTime));
+  EXPECT_EQ(a.channelCount, b.channelCount);
+  ASSERT_EQ(a.values.size(), b.values.size());
+  size_t differing = 0;
+  for (size_t v = 0; v < a.values.size(); ++v) differing += !SameBits(a.values[v], b.values[v]);
+  EXPECT_EQ(differing, 0u);
+}
+
+TEST(BvhReader, ReadsTheHierarchyAndFrames) {
+  const BvhMotion m = ReadOk(kSmall);
+  ASSERT_EQ(m.joints.size(), 3u);
+  EXPECT_EQ(m.joints[0].name, "Hips");
+  EXPECT_EQ(m.joints[0].parent, -1);
+  EXPECT_EQ(m.joints[1].name, "Spine");
+  EXPECT_EQ(m.joints[1].parent, 0);
+  EXPECT_EQ(m.joints[2].name, "Leg");
+  EXPECT_EQ(m.joints[2].parent, 0);
+  EXPECT_EQ(m.joints[0].offset[2], 3);
+  EXPECT_EQ(m.joints[2].offset[1], -4);
+  EXPECT_FALSE(m.joints[0].hasEndSite);
+  EXPECT_TRUE(m.joints[1].hasEndSite);
+  EXPECT_EQ(m.joints[1].endSite[2], 0.25);
+  EXPECT_FALSE(m.joints[2].hasEndSite);
+  EXPECT_EQ(m.joints[1].channels,
+            (std::vector<Channel>{Channel::kZrotation, Channel::kXrotation, Channel::kYrotation}));
+  EXPECT_EQ(m.joints[0].channels.front(), Channel::kXposition);
+  EXPECT_EQ(m.channelCount, 12);
+  EXPECT_EQ(m.ChannelOffset(0), 0);
+  EXPECT_EQ(m.ChannelOffset(1), 6);
+  EXPECT_EQ(m.ChannelOffset(2), 9);
+  EXPECT_EQ(m.FindJoint("Leg"), 2);
+  EXPECT_EQ(m.FindJoint("Arm"), -1);
+  EXPECT_EQ(m.frameCount, 2);
+  EXPECT_EQ(m.frameTime, 0.5);
+  EXPECT_EQ(m.FrameRate(), 2);
+  ASSERT_EQ(m.values.size(), 24u);
+  EXPECT_EQ(m.Value(0, 0), 1);
+  EXPECT_EQ(m.Value(1, 11), 24);
+  IoError error;
+  EXPECT_TRUE(CheckBvh(m, error)) << error.ToText();
+}
+
+TEST(BvhReader, AcceptsWhatRealFilesContain) {
+  const BvhMotion reference = ReadOk(kSmall);
+  {  // CRLF throughout, CRLF in the hierarchy only, and lone CRs all read the same.
+    ExpectSameMotion(ReadOk(ReplaceAll(std::string(kSmall), "\n", "\r\n")), reference);
+    const size_t motion = kSmall.find("MOTION");
+    ExpectSameMotion(ReadOk(ReplaceAll(std::string(kSmall.substr(0, motion)), "\n", "\r\n") +
+                            std::string(kSmall.substr(motion))),
+                     reference);
+    ExpectSameMotion(ReadOk(ReplaceAll(std::string(kSmall), "\n", "\r")), reference);
+  }
+  {  // Odd blank space, a tab after "Frames:", a leading-dot frame time, case-insensitive keys.
+    std::string text = Replace(kSmall, "Frames: 2", "Frames:\t2");
+    text = Replace(text, "Frame Time: 0.5", "Frame  Time :\t.5  ");
+    text = Replace(text, "OFFSET 1 2 3", "offset   1\t2 \t 3");
+    text = Replace(text, "\nMOTION", "\n\n  \nMOTION");
+    text = Replace(text, "1 2 3 4", "\t 1  2 3\t4");
+    text = Replace(text, "23 24\n", "23 24   \n\n\n   \n");
+    text = Replace(text, "Xrotation Yrotation Zrotation", "XROTATION yrotation Zrotation");
+    ExpectSameMotion(ReadOk(text), reference);
+  }
+  {  // Number spellings: a plus sign, a leading dot, exponents; a byte-order mark.
+    std::string text = "\xEF\xBB\xBF" + Replace(kSmall, "1 2 3 4 5 6", "+1 2e0 .3e1 -.5 5E0 +.6");
+    const BvhMotion m = ReadOk(text);
+    EXPECT_EQ(m.Value(0, 0), 1);
+    EXPECT_EQ(m.Value(0, 2), 3);
+    EXPECT_EQ(m.Value(0, 3), -0.5);
+    EXPECT_EQ(m.Value(0, 5), 0.6);
+  }
+  {  // A value too small for a double is zero, with its sign.
+    const BvhMotion m = ReadOk(Replace(kSmall, "1 2 3 4", "1e-400 -1e-999 0.0000e-5000 4"));
+    EXPECT_EQ(m.Value(0, 0), 0);
+    EXPECT_TRUE(std::signbit(m.Value(0, 1)));
+  }
+  {  // A root with rotations only, a joint with no channels, a joint with all six in any order,
+     // a name with inner spaces and a brace on the name's line.
+    std::string text = Replace(kSmall,
+                               "CHANNELS 6 Xposition Yposition Zposition Zrotation Yrotation "
+                               "Xrotation",
+                               "CHANNELS 3 Zrotation Yrotation Xrotation");
+    text = Replace(text, "CHANNELS 3 Zrotation Xrotation Yrotation", "CHANNELS 0");
+    text = Replace(text, "CHANNELS 3 Xrotation Yrotation Zrotation",
+                   "CHANNELS 6 Zrotation Yposition Xrotation Zposition Yrotation Xposition");
+    text = Replace(text, "JOINT Leg\n\t{", "JOINT Left Leg {");
+    text = Replace(text, "1 2 3 4 5 6 7 8 9 10 11 12", "1 2 3 4 5 6 7 8 9");
+    text = Replace(text, "13 14 15 16 17 18 19 20 21 22 23 24", "10 11 12 13 14 15 16 17 18");
+    const BvhMotion m = ReadOk(text);
+    ASSERT_EQ(m.joints.size(), 3u);
+    EXPECT_EQ(m.joints[0].channels.size(), 3u);
+    EXPECT_TRUE(m.joints[1].channels.empty());
+    EXPECT_EQ(m.joints[2].name, "Left Leg");
+    EXPECT_EQ(m.joints[2].channels[1], Channel::kYposition);
+    EXPECT_EQ(m.joints[2].channels[5], Channel::kXposition);
+    EXPECT_EQ(m.channelCount, 9);
+    EXPECT_EQ(m.ChannelOffset(2), 3);
+    EXPECT_EQ(m.Value(1, 8), 18);
+  }
+  {  // No frames at all, and a skeleton without channels.
+    BvhMotion m =
+        ReadOk(Replace(Replace(kSmall, "Frames: 2", "Frames: 0"),
+                       "1 2 3 4 5 6 7 8 9 10 11 12\n13 14 15 16 17 18 19 20 21 22 23 24\n", ""));
+    EXPECT_EQ(m.frameCount, 0);
+    EXPECT_TRUE(m.values.empty());
+    std::string text = ReplaceAll(std::string(kSmall),
+                                  "CHANNELS 6 Xposition Yposition Zposition "
+                                  "Zrotation Yrotation Xrotation",
+                                  "CHANNELS 0");
+    text = Replace(text, "CHANNELS 3 Zrotation Xrotation Yrotation", "CHANNELS 0");
+    text = Replace(text, "CHANNELS 3 Xrotation Yrotation Zrotation", "");
+    text = text.substr(0, text.find("\n1 2 3 4") + 1) + "\n\n";
+    m = ReadOk(text);
+    EXPECT_EQ(m.channelCount, 0);
+    EXPECT_EQ(m.frameCount, 2);
+  }
+}
+
+TEST(BvhReader, RejectsBrokenFilesNamingLineAndExpectation) {
+  {  // A truncated motion section: fewer rows than announced; the line is where the file ends.
+    const IoError e = ReadFails(Replace(kSmall, "Frames: 2", "Frames: 3"));
+    EXPECT_EQ(e.line, 26);
+    EXPECT_THAT(e.message, HasSubstr("ends after 2 of 3 frames"));
+    EXPECT_EQ(e.ToText(), "test.bvh:26: the motion section ends after 2 of 3 frames");
+  }
+  {  // A row that lost a value, and one with a value too many.
+    IoError e = ReadFails(Replace(kSmall, "13 14 15", "13 15"));
+    EXPECT_EQ(e.line, 25);
+    EXPECT_EQ(e.message, "expected 12 values in the frame row, found 11");
+    e = ReadFails(Replace(kSmall, "\n1 2 3 4", "\n1 2 2.5 3 4"));
+    EXPECT_EQ(e.line, 24);
+    EXPECT_EQ(e.message, "expected 12 values in the frame row, found 13");
+  }
+  {  // A row split over two lines is two wrong rows, not one right one.
+    const IoError e = ReadFails(Replace(kSmall, "6 7 8", "6\n7 8"));
+    EXPECT_EQ(e.line, 24);
+    EXPECT_THAT(e.message, HasSubstr("found 6"));
+  }
+  {  // More rows than announced.
+    const IoError e = ReadFails(std::string(kSmall) + "1 2 3 4 5 6 7 8 9 10 11 12\n");
+    EXPECT_EQ(e.line, 26);
+    EXPECT_THAT(e.message, HasSubstr("after the last of the 2 frames"));
+  }
+  {  // Non-finite and unreadable numbers in a row, each reported at its line and position.
+    for (const char* bad : {"nan", "inf", "-inf", "NaN", "infinity"}) {
+      const IoError e = ReadFails(Replace(kSmall, "15 16", std::string("15 ") + bad));
+      EXPECT_EQ(e.line, 25) << bad;
+      EXPECT_THAT(e.message, HasSubstr("value 4 of the frame row is not a finite number")) << bad;
+    }
+    IoError e = ReadFails(Replace(kSmall, "15 16", "15 1e400"));
+    EXPECT_THAT(e.message, HasSubstr("out of the range of a double: '1e400'"));
+    e = ReadFails(Replace(kSmall, "15 16", "15 -123456789e999"));
+    EXPECT_THAT(e.message, HasSubstr("out of the range"));
+    for (const char* bad : {"1.2.3", "abc", "1,5", "+-1", "--1", "1e", "0x10", "+", "."}) {
+      e = ReadFails(Replace(kSmall, "15 16", std::string("15 ") + bad));
+      EXPECT_EQ(e.line, 25) << bad;
+      EXPECT_THAT(e.message, HasSubstr("expected a number as value 4 of the frame row, found '" +
+                                       std::string(bad) + "'"));
+    }
+  }
+  {  // Hierarchy numbers: unreadable, missing, non-finite.
+    IoError e = ReadFails(Replace(kSmall, "OFFSET 0 5 0", "OFFSET 0 five 0"));
+    EXPECT_EQ(e.line, 8);
+    EXPECT_EQ(e.message, "expected a number for the OFFSET y of joint 'Spine', found 'five'");
+    e = ReadFails(Replace(kSmall, "OFFSET 0 5 0", "OFFSET 0 5"));
+    EXPECT_EQ(e.line, 9);
+    EXPECT_THAT(e.message, HasSubstr("found 'CHANNELS'"));
+    e = ReadFails(Replace(kSmall, "OFFSET 0 1 0.25", "OFFSET 0 nan 0.25"));
+    EXPECT_EQ(e.line, 12);
+    EXPECT_THAT(e.message, HasSubstr("End Site of 'Spine' is not a finite number"));
+  }
+  {  // Joint names: duplicated, or missing.
+    IoError e = ReadFails(Replace(kSmall, "JOINT Leg", "JOINT Spine"));
+    EXPECT_EQ(e.line, 15);
+    EXPECT_EQ(e.message, "duplicate joint name 'Spine' (first used at line 6)");
+    e = ReadFails(Replace(kSmall, "JOINT Leg", "JOINT  "));
+    EXPECT_EQ(e.line, 15);
+    EXPECT_EQ(e.message, "expected a joint name after JOINT");
+  }
+  {  // Channels: unknown names, counts outside 0..6, too few names, repeats, wrong placement.
+    IoError e = ReadFails(Replace(kSmall, "Zrotation Xrotation Yrotation", "Zrotation Xrot Y"));
+    EXPECT_EQ(e.line, 9);
+    EXPECT_THAT(e.message, HasSubstr("expected channel name 2 of 3 of joint 'Spine'"));
+    EXPECT_THAT(e.message, HasSubstr("found 'Xrot'"));
+    e = ReadFails(Replace(kSmall, "CHANNELS 3 Zrotation", "CHANNELS 7 Zrotation"));
+    EXPECT_EQ(e.message,
+              "the number of channels of joint 'Spine' must be between 0 and 6, found 7");
+    e = ReadFails(Replace(kSmall, "CHANNELS 3 Zrotation", "CHANNELS -1 Zrotation"));
+    EXPECT_THAT(e.message, HasSubstr("between 0 and 6, found -1"));
+    e = ReadFails(Replace(kSmall, "CHANNELS 3 Zrotation", "CHANNELS 99999999999999999999 Z"));
+    EXPECT_THAT(e.message, HasSubstr("between 0 and 6"));
+    e = ReadFails(Replace(kSmall, "CHANNELS 3 Zrotation", "CHANNELS three Zrotation"));
+    EXPECT_THAT(e.message, HasSubstr("expected the number of channels of joint 'Spine'"));
+    e = ReadFails(
+        Replace(kSmall, "CHANNELS 3 Zrotation Xrotation Yrotation", "CHANNELS 3 Zrotation"));
+    EXPECT_EQ(e.line, 10);
+    EXPECT_THAT(e.message, HasSubstr("found 'End'"));
+    e = ReadFails(
+        Replace(kSmall, "Zrotation Xrotation Yrotation", "Zrotation Xrotation zrotation"));
+    EXPECT_EQ(e.message, "joint 'Spine' lists channel Zrotation twice");
+    // Columns follow the joints in order, so channels declared after a child would be misread.
+    std::string late = Replace(kSmall,
+                               "\tCHANNELS 6 Xposition Yposition Zposition Zrotation "
+                               "Yrotation Xrotation\n",
+                               "");
+    late = Replace(late, "\t}\n}\nMOTION",
+                   "\t}\n\tCHANNELS 6 Xposition Yposition Zposition Zrotation Yrotation "
+                   "Xrotation\n}\nMOTION");
+    e = ReadFails(late);
+    EXPECT_THAT(e.message, HasSubstr("CHANNELS of joint 'Hips' must come before its child"));
+  }
+  {  // Absurd headers: negative or huge frame counts, too many values, bad frame times.
+    IoError e = ReadFails(Replace(kSmall, "Frames: 2", "Frames: -2"));
+    EXPECT_EQ(e.line, 22);
+    EXPECT_EQ(e.message, "the frame count must not be negative, found -2");
+    e = ReadFails(Replace(kSmall, "Frames: 2", "Frames: 10000001"));
+    EXPECT_THAT(e.message, HasSubstr("larger than the supported 10000000"));
+    e = ReadFails(Replace(kSmall, "Frames: 2", "Frames: 99999999999999999999999"));
+    EXPECT_THAT(e.message, HasSubstr("larger than the supported"));
+    e = ReadFails(Replace(kSmall, "Frames: 2", "Frames: 2.0"));
+    EXPECT_THAT(e.message, HasSubstr("expected the frame count after 'Frames:', found '2.0'"));
+    for (const char* bad : {"0", "-0.1", "nan", "inf", "1e400"}) {
+      e = ReadFails(Replace(kSmall, "Frame Time: 0.5", std::string("Frame Time: ") + bad));
+      EXPECT_EQ(e.line, 23) << bad;
+      EXPECT_THAT(e.message, HasSubstr("frame time must be a positive number")) << bad;
+    }
+    e = ReadFails(Replace(kSmall, "Frame Time: 0.5", "Frame Time: fast"));
+    EXPECT_THAT(e.message, HasSubstr("expected the frame time in seconds"));
+    e = ReadFails(Replace(kSmall, "Frame Time: 0.5", "Frame Time: 0.5 0.5"));
+    EXPECT_THAT(e.message, HasSubstr("expected the end of the line after the frame time"));
+    e = ReadFails(Replace(kSmall, "Frame Time: 0.5", "FrameTime: 0.5"));
+    EXPECT_THAT(e.message, HasSubstr("expected 'Frame Time:'"));
+    e = ReadFails(Replace(kSmall, "Frames: 2", "Frames 2"));
+    EXPECT_THAT(e.message, HasSubstr("expected 'Frames:' after MOTION"));
+
+    // 216 channels over ten million frames is more values than the bound; turned down from the
+    // header alone, before any memory is set aside.
+    std::string wide =
+        "HIERARCHY\nROOT r\n{\nOFFSET 0 0 0\nCHANNELS 6 Xposition Yposition "
+        "Zposition Xrotation Yrotation Zrotation\n";
+    for (int j = 0; j < 35; ++j) {
+      wide += "JOINT j" + std::to_string(j) +
+              "\n{\nOFFSET 0 0 0\nCHANNELS 6 Xposition Yposition Zposition Xrotation "
+              "Yrotation Zrotation\n}\n";
+    }
+    wide += "}\nMOTION\nFrames: 10000000\nFrame Time: 1\n";
+    e = ReadFails(wide);
+    EXPECT_THAT(e.message, HasSubstr("10000000 frames of 216 channels are more values"));
+  }
+  {  // Structure: missing keywords, unbalanced braces, the end of the file inside the hierarchy.
+    IoError e = ReadFails("");
+    EXPECT_EQ(e.message, "the file is empty");
+    e = ReadFails(Replace(kSmall, "HIERARCHY", "HIERARCH"));
+    EXPECT_EQ(e.line, 1);
+    EXPECT_EQ(e.message, "expected HIERARCHY at the start of the file, found 'HIERARCH'");
+    e = ReadFails(Replace(kSmall, "ROOT Hips", "JOINT Hips"));
+    EXPECT_EQ(e.message, "expected ROOT after HIERARCHY, found 'JOINT'");
+    e = ReadFails(Replace(kSmall, "MOTION", "MOTON"));
+    EXPECT_EQ(e.line, 21);
+    EXPECT_EQ(e.message, "expected MOTION after the hierarchy, found 'MOTON'");
+    e = ReadFails(kSmall.substr(0, kSmall.find("MOTION")));
+    EXPECT_EQ(e.message, "the file ends before the MOTION section");
+    e = ReadFails(Replace(kSmall, "}\nMOTION", "}\n}\nMOTION"));
+    EXPECT_EQ(e.line, 21);
+    EXPECT_THAT(e.message, HasSubstr("unbalanced '}'"));
+    e = ReadFails(Replace(kSmall, "\t\t}\n\t}\n\tJOINT Leg", "\t\t}\n\tJOINT Leg"));
+    EXPECT_EQ(e.line, 20);
+    EXPECT_THAT(e.message,
+                HasSubstr("joint 'Hips' opened at line 2 is not closed (a '}' is missing)"));
+    e = ReadFails(kSmall.substr(0, kSmall.find("\tJOINT Leg")));
+    EXPECT_EQ(e.line, 15);
+    EXPECT_EQ(e.message,
+              "the file ends inside the hierarchy: the block of joint 'Hips' opened at "
+              "line 2 is not closed");
+    e = ReadFails(kSmall.substr(0, kSmall.find("\t\t\tOFFSET 0 1")));
+    EXPECT_EQ(e.line, 12);
+    EXPECT_THAT(e.message, HasSubstr("the End Site of joint 'Spine' opened at line 10"));
+    e = ReadFails(Replace(kSmall, "JOINT Spine\n\t{", "JOINT Spine\n"));
+    EXPECT_EQ(e.message, "expected '{' after JOINT Spine, found 'OFFSET'");
+    e = ReadFails(Replace(kSmall, "\t\tOFFSET 1 -4 0\n", ""));
+    EXPECT_EQ(e.line, 18);
+    EXPECT_EQ(e.message, "joint 'Leg' has no OFFSET");
+    e = ReadFails(Replace(kSmall, "End Site", "End Sight"));
+    EXPECT_EQ(e.message, "expected 'Site' after 'End', found 'Sight'");
+    e = ReadFails(Replace(kSmall, "JOINT Leg", "ROOT Leg"));
+    EXPECT_THAT(e.message, HasSubstr("ROOT inside joint 'Hips'"));
+    e = ReadFails(Replace(kSmall, "MOTION", "ROOT Other\n{\nOFFSET 0 0 0\n}\nMOTION"));
+    EXPECT_THAT(e.message, HasSubstr("only files with one skeleton"));
+    e = ReadFails(Replace(kSmall, "\t\tCHANNELS 3 Xrotation", "\t\tROTATION 3 Xrotation"));
+    EXPECT_THAT(e.message, HasSubstr("expected OFFSET, CHANNELS, JOINT, End Site or '}' in joint "
+                                     "'Leg', found 'ROTATION'"));
+  }
+}
+
+TEST(BvhReader, DeepHierarchiesDoNotExhaustTheStack) {
+  // A chain of joints far deeper than any skeleton: reading, checking and writing must not recurse
+  // once per level.
+  constexpr int kDepth = 50000;
+  std::string text = "HIERARCHY\nROOT j0\n{\nOFFSET 0 0 0\nCHANNELS 1 Xrotation\n";
+  for (int j = 1; j < kDepth; ++j) {
+    text += "JOINT j" + std::to_string(j) + "\n{\nOFFSET 0 1 0\nCHANNELS 0\n";
+  }
+  text += std::string(kDepth, '}') + "\nMOTION\nFrames: 1\nFrame Time: 1\n0.5\n";
+  const BvhMotion m = ReadOk(text);
+  ASSERT_EQ(m.joints.size(), static_cast<size_t>(kDepth));
+  EXPECT_EQ(m.joints.back().parent, kDepth - 2);
+  IoError error;
+  EXPECT_TRUE(CheckBvh(m, error)) << error.ToText();
+  const BvhMotion back = ReadOk(WriteBvh(m));
+  ASSERT_EQ(back.joints.size(), m.joints.size());
+  EXPECT_EQ(back.joints.back().name, m.joints.back().name);
+  EXPECT_EQ(back.joints.back().parent, kDepth - 2);
+  EXPECT_EQ(back.values, m.values);
+}
+
+// A motion whose joint order and values are awkward for a writer: siblings after a deep branch,
+// and doubles that need all 17 digits, subnormals and signed zeros.
+BvhMotion AwkwardMotion() {
+  BvhMotion m;
+  auto add = [&m](std::string name, int parent, std::vector<Channel> channels, bool endSite) {
+    BvhJoint j;
+    j.name = std::move(name);
+    j.parent = parent;
+    j.offset[0] = 0.1 * (parent + 2);
+    j.offset[1] = -1.0 / 3;
+    j.offset[2] = 1e-300;
+    j.channels = std::move(channels);
+    j.hasEndSite = endSite;
+    if (endSite) j.endSite[1] = 7.0 / 9;
+    m.joints.push_back(j);
+  };
+  const std::vector<Channel> rot = {Channel::kZrotation, Channel::kXrotation, Channel::kYrotation};
+  add("root", -1,
+      {Channel::kXposition, Channel::kYposition, Channel::kZposition, Channel::kXrotation,
+       Channel::kYrotation, Channel::kZrotation},
+      false);
+  add("a", 0, rot, false);
+  add("a.1", 1, rot, false);
+  add("a.1.x", 2, {}, true);
+  add("b", 0, {Channel::kYrotation}, true);
+  add("b 2", 4, rot, false);
+  for (const BvhJoint& j : m.joints) m.channelCount += static_cast<int>(j.channels.size());
+  m.frameCount = 3;
+  m.frameTime = 1.0 / 120;
+  const double specials[] = {0.1,  -0.0, 1.0 / 3, 5e-324,    DBL_MAX, -DBL_MIN,
+                             1e-7, 1e22, 123.456, 2.0 / 3e9, -1e-100, 0.30000000000000004};
+  for (int64_t v = 0; v < m.frameCount * m.channelCount; ++v) {
+    const double scale = v % 12 == 4 ? 1 : 1 + static_cast<double>(v) / 1024;  // DBL_MAX stays
+    m.values.push_back(specials[v % 12] * scale);
+  }
+  return m;
+}
+
+TEST(BvhWriter, WritesStandardTextThatReadsBackIdentically) {
+  const BvhMotion m = AwkwardMotion();
+  IoError error;
+  ASSERT_TRUE(CheckBvh(m, error)) << error.ToText();
+  const std::string text = WriteBvh(m);
+  {  // The layout other programs expect.
+    EXPECT_EQ(text.rfind("HIERARCHY\nROOT root\n{\n\tOFFSET ", 0), 0u) << text;
+    EXPECT_THAT(text, HasSubstr("\n\tJOINT a\n\t{\n\t\tOFFSET "));
+    EXPECT_THAT(text, HasSubstr("\t\tCHANNELS 3 Zrotation Xrotation Yrotation\n"));
+    EXPECT_THAT(text,
+                HasSubstr("\t\t\t\tCHANNELS 0\n\t\t\t\tEnd Site\n\t\t\t\t{\n\t\t\t\t\tOFFSET"));
+    EXPECT_THAT(text, HasSubstr("\nMOTION\nFrames: 3\nFrame Time: 0.008333333333333333\n"));
+    EXPECT_EQ(text.find('\r'), std::string::npos);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '{'), std::count(text.begin(), text.end(), '}'));
+  }
+  {  // Every number, name and channel comes back bit for bit.
+    ExpectSameMotion(ReadOk(text), m);
+  }
+  {  // Writing what was read gives the same text again.
+    EXPECT_EQ(WriteBvh(ReadOk(text)), text);
+  }
+}
+
+TEST(BvhWriter, KeepsValuesWithTheirJointsWhenTheOrderIsNotPreOrder) {
+  // Parents come before children, but b's child sits after a's subtree started: the file must
+  // still pair every column with its joint.
+  BvhMotion m;
+  m.joints.resize(4);
+  m.joints[0] = {"root", -1, {0, 0, 0}, {Channel::kXrotation}, false, {0, 0, 0}};
+  m.joints[1] = {"a", 0, {1, 0, 0}, {Channel::kYrotation}, false, {0, 0, 0}};
+  m.joints[2] = {"b", 0, {2, 0, 0}, {Channel::kZrotation}, false, {0, 0, 0}};
+  m.joints[3] = {"a.child", 1, {3, 0, 0}, {Channel::kXrotation}, true, {0, 1, 0}};
+  m.channelCount = 4;
+  m.frameCount = 2;
+  m.frameTime = 0.25;
+  m.values = {10, 11, 12, 13, 20, 21, 22, 23};
+  IoError error;
+  EXPECT_FALSE(CheckBvh(m, error));
+  EXPECT_THAT(error.message, HasSubstr("pre-order"));
+
+  const BvhMotion back = ReadOk(WriteBvh(m));
+  ASSERT_EQ(back.joints.size(), 4u);
+  EXPECT_EQ(back.joints[2].name, "a.child");
+  EXPECT_EQ(back.joints[2].parent, 1);
+  EXPECT_EQ(back.joints[3].name, "b");
+  for (int64_t f = 0; f < 2; ++f) {
+    for (int j = 0; j < 4; ++j) {
+      const int original = m.FindJoint(back.joints[static_cast<size_t>(j)].name);
+      EXPECT_EQ(back.Value(f, back.ChannelOffset(j)), m.Value(f, original));
+      EXPECT_EQ(back.joints[static_cast<size_t>(j)].offset[0], original);
+    }
+  }
+}
+
+TEST(BvhWriter, CheckTurnsDownMotionsThatWouldNotReadBack) {
+  const BvhMotion good = AwkwardMotion();
+  auto expectBad = [](const BvhMotion& m, const char* why) {
+    IoError error;
+    EXPECT_FALSE(CheckBvh(m, error)) << why;
+    EXPECT_THAT(error.message, HasSubstr(why));
+  };
+  {  // Counts that disagree with the joints or the values.
+    BvhMotion m = good;
+    m.channelCount += 1;
+    expectBad(m, "channelCount is 17 but the joints have 16");
+    m = good;
+    m.values.pop_back();
+    expectBad(m, "expected 48 values (3 frames of 16 channels), found 47");
+    m = good;
+    m.frameCount = -1;
+    expectBad(m, "frame count -1");
+  }
+  {  // Names the file format cannot carry, or carry twice.
+    BvhMotion m = good;
+    m.joints[3].name = "a";
+    expectBad(m, "the same name as joint 1");
+    for (const char* name : {"", " lead", "trail\t", "two\nlines", "br{ace"}) {
+      m = good;
+      m.joints[2].name = name;
+      expectBad(m, "needs a name");
+    }
+  }
+  {  // Structure: the root first, earlier parents, at most six distinct channels.
+    BvhMotion m = good;
+    m.joints[0].parent = 2;
+    expectBad(m, "not the root");
+    m = good;
+    m.joints[4].parent = 5;
+    expectBad(m, "needs an earlier parent");
+    m = good;
+    m.joints[5].channels.push_back(Channel::kZrotation);
+    m.channelCount += 1;
+    m.values.resize(static_cast<size_t>(m.frameCount * m.channelCount));
+    expectBad(m, "lists channel Zrotation twice");
+  }
+  {  // Numbers that do not survive text.
+    BvhMotion m = good;
+    m.values[20] = std::numeric_limits<double>::quiet_NaN();
+    expectBad(m, "value 5 of frame 1 is not a finite number");
+    m = good;
+    m.joints[4].endSite[0] = std::numeric_limits<double>::infinity();
+    expectBad(m, "offset that is not a finite number");
+    m = good;
+    m.frameTime = 0;
+    expectBad(m, "frame time must be a positive number");
+  }
+}
+
+TEST(BvhWriter, WritesFilesAtomicallyAndRefusesBadMotions) {
+  const std::filesystem::path dir =
+      std::filesystem::temp_directory_path() / ("tarni-bvh-test-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir);
+  const BvhMotion m = AwkwardMotion();
+  IoError error;
+  {  // Written, read back through the path overload.
+    ASSERT_TRUE(WriteBvh(dir / "out.bvh", m, error)) << error.ToText();
+    BvhMotion back;
+    ASSERT_TRUE(ReadBvh(dir / "out.bvh", back, error)) << error.ToText();
+    ExpectSameMotion(back, m);
+  }
+  {  // A motion that fails the check leaves the old file alone and names the destination.
+    BvhMotion bad = m;
+    bad.channelCount = 1;
+    EXPECT_FALSE(WriteBvh(dir / "out.bvh", bad, error));
+    EXPECT_EQ(error.file, (dir / "out.bvh").string());
+    BvhMotion back;
+    ASSERT_TRUE(ReadBvh(dir / "out.bvh", back, error)) << error.ToText();
+    ExpectSameMotion(back, m);
+  }
+  {  // A missing file is reported with its name.
+    BvhMotion back;
+    EXPECT_FALSE(ReadBvh(dir / "missing.bvh", back, error));
+    EXPECT_EQ(error.file, (dir / "missing.bvh").string());
+    EXPECT_THAT(error.message, HasSubstr("cannot open"));
+  }
+  // Only the written file is there: no temporaries left behind.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir),
+                          std::filesystem::directory_iterator()),
+            1);
+  std::filesystem::remove_all(dir);
+}
+
+// The shared capture clips, when present.
+std::filesystem::path Clip(const char* name) {
+  return std::filesystem::path(TARNI_TEST_DATA_DIR) / name;
+}
+
+void ExpectClipReadsAndRoundTrips(const std::filesystem::path& path, size_t joints, int64_t frames,
+                                  double fps, double firstValue) {
+  BvhMotion m;
+  IoError error;
+  ASSERT_TRUE(ReadBvh(path, m, error)) << error.ToText();
+  EXPECT_EQ(m.joints.size(), joints);
+  EXPECT_EQ(m.frameCount, frames);
+  EXPECT_NEAR(m.FrameRate(), fps, 0.01);
+  EXPECT_EQ(m.values.size(), static_cast<size_t>(frames * m.channelCount));
+  EXPECT_EQ(m.values.front(), firstValue);
+  EXPECT_TRUE(CheckBvh(m, error)) << error.ToText();
+  const BvhMotion back = ReadOk(WriteBvh(m));
+  ExpectSameMotion(back, m);
+}
+
+TEST(BvhClips, WalkWithCrlfHierarchyReads) {
+  const auto path = Clip("cmu/131_01_walk.bvh");
+  if (!std::filesystem::exists(path)) GTEST_SKIP() << path << " is not available";
+  ExpectClipReadsAndRoundTrips(path, 31, 994, 120, 5.23);
+  BvhMotion m;
+  IoError error;
+  ASSERT_TRUE(ReadBvh(path, m, error));
+  EXPECT_EQ(m.joints[0].name, "Hips");
+  EXPECT_EQ(m.channelCount, 96);
+  EXPECT_EQ(m.joints[m.FindJoint("LeftKnee")].offset[0], 2.49329);
+  EXPECT_EQ(m.joints[0].channels[3], Channel::kZrotation);
+  EXPECT_EQ(m.Value(993, 95), 19.734);  // the last value of the file
+}
+
+TEST(BvhClips, JumpsReads) {
+  const auto path = Clip("cmu/01_01_jumps.bvh");
+  if (!std::filesystem::exists(path)) GTEST_SKIP() << path << " is not available";
+  ExpectClipReadsAndRoundTrips(path, 31, 2752, 120, 9.3722);
+}
+
+TEST(BvhClips, IdleWithSixChannelJointsReads) {
+  const auto path = Clip("reactidle/003_genuine_idle.bvh");
+  if (!std::filesystem::exists(path)) GTEST_SKIP() << path << " is not available";
+  ExpectClipReadsAndRoundTrips(path, 19, 918, 24, 0.006299);
+  BvhMotion m;
+  IoError error;
+  ASSERT_TRUE(ReadBvh(path, m, error));
+  EXPECT_EQ(m.joints[m.FindJoint("spine")].channels.size(), 6u);
+  EXPECT_EQ(m.joints[m.FindJoint("spine.001")].channels.size(), 3u);
+  EXPECT_EQ(m.joints[0].offset[1], 0.727022);
+}
+
+}  // namespace
+}  // namespace tarni::host
