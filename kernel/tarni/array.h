@@ -106,6 +106,15 @@ class BaseArray {
   // Appends copies of all the given elements, or none when memory runs out.
   Result<void> AppendAll(std::span<const T> values) noexcept {
     const Int n = static_cast<Int>(values.size());
+    if (_count + n > _capacity && Holds(values)) {
+      // Growing would free the elements being copied: copy them out first.
+      BaseArray copy;
+      TARNI_TRY(copy.CopyFrom(values));
+      TARNI_TRY(Grow(_count + n));
+      for (Int i = 0; i < n; ++i) ::new (&_data[_count + i]) T(std::move(copy[i]));
+      _count += n;
+      return OK;
+    }
     if (_count + n > _capacity) TARNI_TRY(Grow(_count + n));
     for (Int i = 0; i < n; ++i) ::new (&_data[_count + i]) T(values[i]);
     _count += n;
@@ -149,6 +158,16 @@ class BaseArray {
   Result<void> CopyFrom(const BaseArray& source) noexcept { return CopyFrom(source.AsSpan()); }
   Result<void> CopyFrom(std::span<const T> source) noexcept {
     if (source.data() == _data && static_cast<Int>(source.size()) == _count) return OK;
+    if (Holds(source)) {
+      // Part of this array: copy it out before the elements it points at are destroyed.
+      BaseArray copy;
+      if (copy.CopyFrom(source).has_error()) {
+        Flush();
+        return OutOfMemoryError();
+      }
+      *this = std::move(copy);
+      return OK;
+    }
     Flush();
     const Int n = static_cast<Int>(source.size());
     if (n > _capacity) {
@@ -171,6 +190,11 @@ class BaseArray {
   }
 
  private:
+  // Whether `values` lies (at least partly) in this array's elements.
+  bool Holds(std::span<const T> values) const noexcept {
+    return !values.empty() && _count > 0 && values.data() < _data + _count &&
+           _data < values.data() + values.size();
+  }
   Result<void> Grow(Int needed) noexcept {
     Int capacity = _capacity < 4 ? 4 : _capacity + _capacity / 2;
     if (capacity < needed) capacity = needed;

@@ -109,18 +109,16 @@ class HashMap {
     _slots.Reset();
   }
 
-  // Replaces the content by copies of `source`'s entries; on failure the map is left empty.
+  // Replaces the content by copies of `source`'s entries; when memory runs out the map keeps its
+  // own entries, like every other failed growth of the map.
   Result<void> CopyFrom(const HashMap& source) noexcept {
     if (this == &source) return OK;
-    Flush();
-    if (auto r = _entries.CopyFrom(source._entries); !r) {
-      Reset();
-      return r;
-    }
-    if (auto r = _slots.CopyFrom(source._slots); !r) {
-      Reset();
-      return r;
-    }
+    BaseArray<Entry> entries;
+    BaseArray<Int> slots;
+    TARNI_TRY(entries.CopyFrom(source._entries));
+    TARNI_TRY(slots.CopyFrom(source._slots));
+    _entries = std::move(entries);
+    _slots = std::move(slots);
     return OK;
   }
 

@@ -1,0 +1,399 @@
+// BaseArray, HashMap and BitSet: order, aliasing, and the state each leaves behind when memory
+// runs out (every allocation is made to fail in turn; the asan build checks nothing leaks).
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kernel/fault_loop.h"
+#include "tarni/array.h"
+#include "tarni/bitset.h"
+#include "tarni/hashmap.h"
+#include "tarni/internedid.h"
+#include "tarni/string.h"
+#include "tarni/uuid.h"
+
+namespace tarni {
+namespace {
+
+using namespace tarni::literals;
+using testing::ForEachFailingAllocation;
+
+// Heap strings, so that a lost or doubly released element shows in the sanitizer build.
+BaseArray<String> Strings(std::initializer_list<std::string_view> texts) {
+  BaseArray<String> list;
+  for (std::string_view text : texts) EXPECT_TRUE(list.Append(String::Make(text).value()));
+  return list;
+}
+
+std::vector<std::string> Texts(const BaseArray<String>& list) {
+  std::vector<std::string> texts;
+  for (const String& s : list) texts.emplace_back(s.GetView());
+  return texts;
+}
+
+using TextList = std::vector<std::string>;
+
+TEST(BaseArray, GrowthFailuresLeaveTheArrayAsItWas) {
+  BaseArray<String> list;
+  auto reset = [&] { list = Strings({"a", "b", "c", "d"}); };
+  const String e = String::Make("e").value();
+  const String x = String::Make("x").value();
+  {
+    // Append past the capacity: out of memory and the four elements kept.
+    const auto failures = ForEachFailingAllocation(
+        reset, [&] { return list.Append(e); },
+        [&](const Result<void>& r, bool hit) {
+          if (hit) {
+            EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
+            EXPECT_EQ(Texts(list), (TextList{"a", "b", "c", "d"}));
+          } else {
+            EXPECT_TRUE(r);
+            EXPECT_EQ(Texts(list), (TextList{"a", "b", "c", "d", "e"}));
+          }
+        });
+    EXPECT_GT(failures, 0);
+  }
+  {
+    // Resize and EnsureCapacity: the count stays.
+    ForEachFailingAllocation(
+        reset, [&] { return list.Resize(100); },
+        [&](const Result<void>& r, bool hit) {
+          EXPECT_EQ(list.GetCount(), hit ? 4 : 100);
+          if (hit) {
+            EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
+          } else {
+            EXPECT_TRUE(list[99].IsEmpty());
+          }
+        });
+    ForEachFailingAllocation(
+        reset, [&] { return list.EnsureCapacity(50); },
+        [&](const Result<void>& r, bool hit) {
+          EXPECT_EQ(r.has_error(), hit);
+          EXPECT_EQ(list.GetCount(), 4);
+          EXPECT_EQ(list.GetCapacity() >= 50, !hit);
+        });
+  }
+  {
+    // Insert in the middle: order untouched on failure.
+    ForEachFailingAllocation(
+        reset, [&] { return list.Insert(1, x); },
+        [&](const Result<void>& r, bool hit) {
+          EXPECT_EQ(r.has_error(), hit);
+          EXPECT_EQ(Texts(list),
+                    hit ? (TextList{"a", "b", "c", "d"}) : (TextList{"a", "x", "b", "c", "d"}));
+        });
+  }
+  {
+    // AppendAll appends all or none.
+    const BaseArray<String> more = Strings({"p", "q", "r"});
+    ForEachFailingAllocation(
+        reset, [&] { return list.AppendAll(more.AsSpan()); },
+        [&](const Result<void>& r, bool hit) {
+          EXPECT_EQ(r.has_error(), hit);
+          EXPECT_EQ(list.GetCount(), hit ? 4 : 7);
+        });
+  }
+}
+
+TEST(BaseArray, CopyFromLeavesTheArrayEmptyWhenMemoryRunsOut) {
+  const BaseArray<String> source = Strings({"1", "2", "3", "4", "5", "6", "7", "8", "9"});
+  BaseArray<String> list;
+  const auto failures = ForEachFailingAllocation(
+      [&] { list = Strings({"old"}); }, [&] { return ReplaceList(list, source); },
+      [&](const Result<void>& r, bool hit) {
+        if (hit) {
+          EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
+          EXPECT_TRUE(list.IsEmpty());
+        } else {
+          EXPECT_TRUE(r);
+          EXPECT_EQ(Texts(list), Texts(source));
+          // Elements are shared copies, not new texts.
+          EXPECT_TRUE(list[8].SharesData(source[8]));
+        }
+      });
+  EXPECT_GT(failures, 0);
+
+  // Room already there: nothing to allocate, nothing to fail.
+  BaseArray<String> roomy;
+  ASSERT_TRUE(roomy.EnsureCapacity(20));
+  fault::FailAllocationsFrom(1);
+  const Result<void> copied = roomy.CopyFrom(source);
+  fault::Disarm();
+  EXPECT_TRUE(copied);
+  EXPECT_EQ(roomy.GetCount(), 9);
+}
+
+TEST(BaseArray, SourcesInsideTheArrayItselfAreCopiedSafely) {
+  {
+    // Replacing a list by itself changes nothing.
+    BaseArray<String> list = Strings({"a", "b"});
+    ASSERT_TRUE(ReplaceList(list, list));
+    EXPECT_EQ(Texts(list), (TextList{"a", "b"}));
+  }
+  {
+    // Replacing a list by part of itself.
+    BaseArray<String> list = Strings({"a", "b", "c"});
+    ASSERT_TRUE(list.CopyFrom(list.AsSpan().subspan(1)));
+    EXPECT_EQ(Texts(list), (TextList{"b", "c"}));
+  }
+  {
+    // Appending its own elements while it has to grow.
+    BaseArray<String> list = Strings({"a", "b", "c", "d"});
+    ASSERT_EQ(list.GetCount(), list.GetCapacity());
+    ASSERT_TRUE(list.Append(list[0]));
+    ASSERT_TRUE(list.AppendAll(list.AsSpan()));
+    EXPECT_EQ(Texts(list), (TextList{"a", "b", "c", "d", "a", "a", "b", "c", "d", "a"}));
+  }
+}
+
+TEST(BaseArray, EditsKeepOrderAndRejectBadArguments) {
+  BaseArray<String> list = Strings({"a", "b", "c", "d", "e"});
+  {
+    // Erase keeps the others in order; a count past the end stops at the end.
+    list.Erase(1, 2);
+    EXPECT_EQ(Texts(list), (TextList{"a", "d", "e"}));
+    list.Erase(2, 10);
+    EXPECT_EQ(Texts(list), (TextList{"a", "d"}));
+    list.Erase(5);
+    list.Erase(-1);
+    list.Erase(0, 0);
+    EXPECT_EQ(list.GetCount(), 2);
+    list.Pop();
+    EXPECT_EQ(Texts(list), (TextList{"a"}));
+  }
+  {
+    // Inserts at both ends; an index out of range is an illegal argument and changes nothing.
+    ASSERT_TRUE(list.Insert(0, "first"_s));
+    ASSERT_TRUE(list.Insert(list.GetCount(), "last"_s));
+    EXPECT_EQ(Texts(list), (TextList{"first", "a", "last"}));
+    auto r = list.Insert(4, "x"_s);
+    EXPECT_TRUE(r.error().Is(ErrorKind::kIllegalArgument));
+    EXPECT_EQ(r.error().GetMessage(), "Illegal argument: index out of range.");
+    EXPECT_TRUE(list.Insert(-1, "x"_s).error().Is(ErrorKind::kIllegalArgument));
+    EXPECT_EQ(list.GetCount(), 3);
+  }
+  {
+    // A negative count is refused; shrinking destroys, growing value-initialises.
+    auto r = list.Resize(-1);
+    EXPECT_EQ(r.error().GetMessage(), "Illegal argument: negative array count.");
+    ASSERT_TRUE(list.Resize(1));
+    EXPECT_EQ(Texts(list), (TextList{"first"}));
+    BaseArray<int> numbers;
+    ASSERT_TRUE(numbers.Append(7));
+    ASSERT_TRUE(numbers.Resize(3));
+    numbers[2] = 9;
+    ASSERT_TRUE(numbers.Resize(1));
+    ASSERT_TRUE(numbers.Resize(3));
+    EXPECT_EQ(numbers[0], 7);
+    EXPECT_EQ(numbers[2], 0);
+  }
+  {
+    // Flush keeps the memory, Reset frees it.
+    const Int capacity = list.GetCapacity();
+    list.Flush();
+    EXPECT_TRUE(list.IsEmpty());
+    EXPECT_EQ(list.GetCapacity(), capacity);
+    list.Reset();
+    EXPECT_EQ(list.GetCapacity(), 0);
+  }
+}
+
+std::vector<int> Keys(const HashMap<int, int>& map) {
+  std::vector<int> keys;
+  for (const auto& entry : map) keys.push_back(entry.key);
+  return keys;
+}
+
+TEST(HashMap, IteratesInInsertionOrderThroughGrowthAndErase) {
+  HashMap<int, int> map;
+  std::vector<int> expected;
+  // Keys in a scrambled order, enough for several rehashes.
+  for (int i = 0; i < 200; ++i) {
+    const int key = (i * 7919) % 1000 - 500;
+    ASSERT_TRUE(map.Insert(key, i));
+    expected.push_back(key);
+  }
+  EXPECT_EQ(Keys(map), expected);
+
+  // Replacing a value keeps the entry's place.
+  ASSERT_TRUE(map.Insert(expected[3], -1));
+  EXPECT_EQ(Keys(map), expected);
+  EXPECT_EQ(*map.Find(expected[3]), -1);
+
+  // Erasing every third entry keeps the order of the rest, and each remains findable.
+  std::vector<int> kept;
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    if (i % 3 == 0)
+      EXPECT_TRUE(map.Erase(expected[i]));
+    else
+      kept.push_back(expected[i]);
+  }
+  EXPECT_FALSE(map.Erase(expected[0]));
+  EXPECT_EQ(Keys(map), kept);
+  for (std::size_t i = 0; i < expected.size(); ++i)
+    EXPECT_EQ(map.Find(expected[i]) != nullptr, i % 3 != 0) << expected[i];
+
+  // A key inserted again goes last.
+  bool created = false;
+  auto entry = map.FindOrInsert(expected[0], &created);
+  ASSERT_TRUE(entry);
+  EXPECT_TRUE(created);
+  EXPECT_EQ(entry.value()->value, 0);
+  kept.push_back(expected[0]);
+  EXPECT_EQ(Keys(map), kept);
+  ASSERT_TRUE(map.FindOrInsert(expected[0], &created));
+  EXPECT_FALSE(created);
+
+  // Flush empties and the map works on.
+  map.Flush();
+  EXPECT_TRUE(map.IsEmpty());
+  EXPECT_EQ(map.Find(kept[0]), nullptr);
+  ASSERT_TRUE(map.Insert(5, 6));
+  EXPECT_EQ(Keys(map), (std::vector<int>{5}));
+}
+
+TEST(HashMap, FindsValueTypedKeys) {
+  {
+    // Uuid keys compare by value: the empty Uuid and the nil value are one key.
+    HashMap<Uuid, int> map;
+    ASSERT_TRUE(map.Insert(Uuid::Make(1, 2).value(), 12));
+    ASSERT_TRUE(map.Insert(Uuid(), 0));
+    EXPECT_EQ(*map.Find(Uuid::Make(1, 2).value()), 12);
+    ASSERT_NE(map.Find(Uuid::Make(0, 0).value()), nullptr);
+    EXPECT_EQ(map.Find(Uuid::Make(2, 1).value()), nullptr);
+  }
+  {
+    // String keys by text, InternedId keys by identity.
+    HashMap<String, int> byText;
+    ASSERT_TRUE(byText.Insert("Spine"_s, 1));
+    EXPECT_NE(byText.Find(String::Make("Spine").value()), nullptr);
+    EXPECT_EQ(byText.Find("spine"_s), nullptr);
+    HashMap<InternedId, int> byId;
+    ASSERT_TRUE(byId.Insert(InternedId::Make("leftarm").value(), 3));
+    EXPECT_EQ(*byId.Find(InternedId::Make("leftarm").value()), 3);
+    EXPECT_EQ(byId.Find(InternedId()), nullptr);
+  }
+}
+
+TEST(HashMap, FailedGrowthLeavesTheMapUnchanged) {
+  HashMap<String, String> map;
+  auto fill = [&] {
+    map.Reset();
+    for (const char* key : {"a", "b", "c", "d"})
+      ASSERT_TRUE(map.Insert(String::Make(key).value(), String::Make(key).value()));
+  };
+  auto expectUnchanged = [&] {
+    std::vector<std::string> keys;
+    for (const auto& entry : map) keys.emplace_back(entry.key.GetView());
+    EXPECT_EQ(keys, (TextList{"a", "b", "c", "d"}));
+    for (const auto& entry : map) EXPECT_EQ(map.Find(entry.key), &entry.value);
+  };
+  {
+    // The fifth entry needs a larger table and a larger entry list.
+    bool created = true;
+    const auto failures = ForEachFailingAllocation(
+        fill, [&] { return map.FindOrInsert("e"_s, &created); },
+        [&](const Result<HashMap<String, String>::Entry*>& r, bool hit) {
+          if (hit) {
+            EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
+            expectUnchanged();
+            EXPECT_EQ(map.Find("e"_s), nullptr);
+          } else {
+            ASSERT_TRUE(r);
+            EXPECT_TRUE(created);
+            EXPECT_EQ(map.GetCount(), 5);
+          }
+        });
+    EXPECT_GE(failures, 2);
+  }
+  {
+    ForEachFailingAllocation(
+        fill, [&] { return map.Insert("e"_s, "v"_s); },
+        [&](const Result<void>& r, bool hit) {
+          EXPECT_EQ(r.has_error(), hit);
+          if (hit) {
+            expectUnchanged();
+          } else {
+            EXPECT_EQ(*map.Find("e"_s), "v");
+          }
+        });
+  }
+  {
+    // CopyFrom: all of the source, or the map as it was.
+    HashMap<String, String> source;
+    for (const char* key : {"x", "y", "z", "w", "v", "u"})
+      ASSERT_TRUE(source.Insert(String::Make(key).value(), "1"_s));
+    const auto failures = ForEachFailingAllocation(
+        fill, [&] { return map.CopyFrom(source); },
+        [&](const Result<void>& r, bool hit) {
+          if (hit) {
+            EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
+            expectUnchanged();
+          } else {
+            ASSERT_TRUE(r);
+            EXPECT_EQ(map.GetCount(), 6);
+            EXPECT_NE(map.Find("u"_s), nullptr);
+            EXPECT_EQ(map.Find("a"_s), nullptr);
+          }
+        });
+    EXPECT_GE(failures, 2);
+    ASSERT_TRUE(map.CopyFrom(map));
+    EXPECT_EQ(map.GetCount(), 6);
+  }
+}
+
+TEST(BitSet, StoresBitsWithinItsWordsOnly) {
+  BitSet bits;
+  {
+    // Init fails only for memory, and then the set keeps what it had.
+    ASSERT_TRUE(bits.Init(1));
+    bits.Set(3, true);
+    ForEachFailingAllocation([] {}, [&] { return bits.Init(4); },
+                             [&](const Result<void>& r, bool hit) {
+                               if (hit) {
+                                 EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
+                                 EXPECT_EQ(bits.GetWordCount(), 1);
+                               }
+                             });
+    EXPECT_EQ(bits.GetWordCount(), 4);
+    // Init clears every word.
+    EXPECT_FALSE(bits.Get(3));
+  }
+  {
+    // Word boundaries: bit 63 is the top of word 0, bit 64 the bottom of word 1.
+    bits.Set(0, true);
+    bits.Set(63, true);
+    bits.Set(64, true);
+    EXPECT_EQ(bits.GetWord(0), 0x8000000000000001u);
+    EXPECT_EQ(bits.GetWord(1), 1u);
+    bits.Set(63, false);
+    EXPECT_FALSE(bits.Get(63));
+    EXPECT_TRUE(bits.Get(64));
+  }
+  {
+    // Past the words: reads are clear, writes are ignored (and touch nothing: asan).
+    bits.Set(256, true);
+    bits.Set(~std::uint64_t{0}, true);
+    EXPECT_FALSE(bits.Get(256));
+    EXPECT_FALSE(bits.Get(~std::uint64_t{0}));
+    EXPECT_EQ(bits.GetWordCount(), 4);
+  }
+  {
+    // A failed copy leaves the set empty.
+    BitSet copy;
+    ASSERT_TRUE(copy.Init(1));
+    fault::FailNthAllocation(1);
+    const Result<void> r = copy.CopyFrom(bits);
+    fault::Disarm();
+    EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
+    EXPECT_EQ(copy.GetWordCount(), 0);
+    ASSERT_TRUE(copy.CopyFrom(bits));
+    EXPECT_EQ(copy.GetWord(0), 1u);
+  }
+}
+
+}  // namespace
+}  // namespace tarni
