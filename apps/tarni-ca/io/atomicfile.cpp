@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -124,18 +125,20 @@ bool ReadWholeFileImpl(const std::filesystem::path& path, std::string& contents,
   Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (fd.get() < 0) return Fail(path, "cannot open: " + ErrnoText(errno), error);
   struct stat info;
+  size_t expected = 0;
   if (::fstat(fd.get(), &info) == 0) {
     if (S_ISDIR(info.st_mode)) return Fail(path, "cannot read: it is a directory", error);
     // The size is only a hint (pipes and growing files report something else); reading goes on
     // until end of file either way.
-    if (S_ISREG(info.st_mode) && info.st_size > 0) {
-      contents.reserve(static_cast<size_t>(info.st_size));
-    }
+    if (S_ISREG(info.st_mode) && info.st_size > 0) expected = static_cast<size_t>(info.st_size);
   }
+  // Read straight into the string: one allocation for a regular file, no copy through a buffer.
   contents.clear();
-  char buffer[1 << 16];
+  size_t used = 0;
+  contents.resize(std::max<size_t>(expected + 1, 1 << 16));
   for (;;) {
-    ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+    if (used == contents.size()) contents.resize(contents.size() * 2);
+    const ssize_t n = ::read(fd.get(), contents.data() + used, contents.size() - used);
     if (n < 0) {
       if (errno == EINTR) continue;
       const int code = errno;
@@ -143,8 +146,9 @@ bool ReadWholeFileImpl(const std::filesystem::path& path, std::string& contents,
       return Fail(path, "cannot read: " + ErrnoText(code), error);
     }
     if (n == 0) break;
-    contents.append(buffer, static_cast<size_t>(n));
+    used += static_cast<size_t>(n);
   }
+  contents.resize(used);
   return true;
 }
 

@@ -51,10 +51,17 @@ std::string Quote(std::string_view token) {
   return text;
 }
 
-std::string FormatDouble(double value) {
+// Appends `value` in its shortest form that reads back as the same double.
+void AppendDouble(std::string& out, double value) {
   char buffer[32];
   const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-  return std::string(buffer, result.ptr);
+  out.append(buffer, result.ptr);
+}
+
+std::string FormatDouble(double value) {
+  std::string text;
+  AppendDouble(text, value);
+  return text;
 }
 
 // How reading one number went.
@@ -682,13 +689,6 @@ bool CheckBvhImpl(const BvhMotion& motion, IoError& error) {
     }
   }
   return true;
-}
-
-// Appends `value` in its shortest form that reads back as the same double.
-void AppendDouble(std::string& out, double value) {
-  char buffer[32];
-  const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-  out.append(buffer, result.ptr);
 }
 
 }  // namespace
