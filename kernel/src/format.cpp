@@ -58,7 +58,10 @@ void AppendFloat(TextBuilder& out, double value, int mantissaLength, int fractio
     while (!number.empty() && number.back() == '0') number.remove_suffix(1);
     if (!number.empty() && number.back() == '.') number.remove_suffix(1);
   }
-  if (number == "-0") number = "0";  // a rounded-away negative is not worth a sign
+  // A negative that rounds to zero is not worth a sign ("0.00", not "-0.00").
+  if (!number.empty() && number.front() == '-' &&
+      number.find_first_not_of("0.", 1) == std::string_view::npos)
+    number.remove_prefix(1);
   std::size_t point = number.find('.');
   if (point == std::string_view::npos) point = number.size();
   for (int pad = mantissaLength - static_cast<int>(point); pad > 0; --pad) out.Append(fill);

@@ -130,14 +130,18 @@ TextBuilder& TextBuilder::Append(std::string_view text) noexcept {
       // No error channel: drop what was collected and go on from an empty text.
       _size = 0;
       if (static_cast<Int>(text.size()) + 1 > _capacity) return *this;
-      std::memcpy(_data, text.data(), text.size());
+      std::memmove(_data, text.data(), text.size());  // the text may be our own
       _size = static_cast<Int>(text.size());
       return *this;
     }
     if (_size > 0) std::memcpy(data, _data, static_cast<std::size_t>(_size));
+    // Copied before the old buffer is freed: the text may be a view of it.
+    std::memcpy(data + _size, text.data(), text.size());
     Free(_data);
     _data = data;
     _capacity = capacity;
+    _size += static_cast<Int>(text.size());
+    return *this;
   }
   std::memcpy(_data + _size, text.data(), text.size());
   _size += static_cast<Int>(text.size());

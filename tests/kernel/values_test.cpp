@@ -1,0 +1,191 @@
+// Uuid and InternedId: value semantics, text forms, interning across threads, and their failures
+// when memory runs out.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kernel/fault_loop.h"
+#include "tarni/internedid.h"
+#include "tarni/uuid.h"
+
+namespace tarni {
+namespace {
+
+using testing::ForEachFailingAllocation;
+
+constexpr std::string_view kNilText = "00000000-0000-0000-0000-000000000000";
+
+std::string Text(const Uuid& uuid) { return std::string(uuid.ToString().GetView()); }
+
+TEST(Uuid, ComparesByValueAndTheEmptyUuidIsNil) {
+  const Uuid a = Uuid::Make(1, 2).value();
+  const Uuid b = Uuid::Make(1, 2).value();
+  {
+    // Equal values in separate data; copies share the data.
+    EXPECT_TRUE(a == b);
+    EXPECT_FALSE(a.SharesData(b));
+    const Uuid copy = a;
+    EXPECT_TRUE(copy.SharesData(a));
+    EXPECT_FALSE(a == Uuid::Make(2, 1).value());
+    EXPECT_FALSE(a == Uuid::Make(1, 3).value());
+    EXPECT_EQ(a.GetHashCode(), b.GetHashCode());
+  }
+  {
+    // The empty Uuid has no data, yet equals, hashes and prints as the nil value.
+    const Uuid empty;
+    const Uuid nil = Uuid::Make(0, 0).value();
+    EXPECT_FALSE(empty.HasData());
+    EXPECT_TRUE(nil.HasData());
+    EXPECT_TRUE(empty.IsEmpty());
+    EXPECT_TRUE(nil.IsEmpty());
+    EXPECT_TRUE(empty == nil);
+    EXPECT_TRUE(nil == empty);
+    EXPECT_EQ(empty.GetHashCode(), nil.GetHashCode());
+    EXPECT_EQ(Text(empty), kNilText);
+    EXPECT_EQ(Text(nil), kNilText);
+    EXPECT_FALSE(a.IsEmpty());
+  }
+  {
+    // Assignment over the last reference releases it; moving empties the source.
+    Uuid c = Uuid::Make(5, 6).value();
+    c = a;
+    EXPECT_TRUE(c.SharesData(a));
+    Uuid d = std::move(c);
+    EXPECT_FALSE(c.HasData());
+    EXPECT_TRUE(d == a);
+  }
+}
+
+TEST(Uuid, TextParsesBackToTheSameValue) {
+  {
+    // Every nibble in place, lower case, dashes after 8, 12, 16 and 20 digits.
+    const Uuid id = Uuid::Make(0x0123456789ABCDEFull, 0xFEDCBA9876543210ull).value();
+    EXPECT_EQ(Text(id), "01234567-89ab-cdef-fedc-ba9876543210");
+    const Uuid back = Uuid::Parse(Text(id)).value();
+    EXPECT_TRUE(back == id);
+    EXPECT_EQ(back.GetHigh(), 0x0123456789ABCDEFull);
+    EXPECT_EQ(back.GetLow(), 0xFEDCBA9876543210ull);
+  }
+  {
+    // Braces and capitals are accepted.
+    const Uuid id = Uuid::Parse("{01234567-89AB-CDEF-FEDC-BA9876543210}").value();
+    EXPECT_EQ(Text(id), "01234567-89ab-cdef-fedc-ba9876543210");
+    EXPECT_TRUE(Uuid::Parse(kNilText).value() == Uuid());
+  }
+  {
+    // Malformed texts are illegal arguments.
+    for (std::string_view bad :
+         {"", "01234567-89ab-cdef-fedc-ba987654321", "01234567-89ab-cdef-fedc-ba98765432100",
+          "0123456789ab-cdef-fedc-ba9876543210-", "01234567-89ab-cdef-fedc-ba987654321g",
+          "{01234567-89ab-cdef-fedc-ba9876543210", "(01234567-89ab-cdef-fedc-ba9876543210)"}) {
+      SCOPED_TRACE(std::string(bad));
+      auto parsed = Uuid::Parse(bad);
+      ASSERT_FALSE(parsed);
+      EXPECT_TRUE(parsed.error().Is(ErrorKind::kIllegalArgument));
+      EXPECT_EQ(parsed.error().GetMessage(), "Illegal argument: malformed Uuid text.");
+    }
+  }
+  {
+    // Generated ids are version 4, variant 1, and differ.
+    const Uuid g1 = Uuid::Generate().value();
+    const Uuid g2 = Uuid::Generate().value();
+    EXPECT_FALSE(g1 == g2);
+    for (const Uuid* g : {&g1, &g2}) {
+      EXPECT_EQ((g->GetHigh() >> 12) & 0xF, 4u);
+      EXPECT_EQ(g->GetLow() >> 62, 2u);
+      EXPECT_TRUE(Uuid::Parse(Text(*g)).value() == *g);
+    }
+  }
+}
+
+TEST(Uuid, MakingFailsOnlyForMemory) {
+  ForEachFailingAllocation([] {}, [] { return Uuid::Make(7, 8); },
+                           [](const Result<Uuid>& r, bool hit) {
+                             if (hit) {
+                               EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
+                               EXPECT_FALSE(r.has_value());
+                             } else {
+                               EXPECT_EQ(r->GetLow(), 8u);
+                             }
+                           });
+  ForEachFailingAllocation([] {}, [] { return Uuid::Parse(kNilText); },
+                           [](const Result<Uuid>& r, bool hit) { EXPECT_EQ(r.has_error(), hit); });
+}
+
+TEST(InternedId, EqualTextsAreOneObject) {
+  {
+    // Same text, same object, however the text was made; other texts differ.
+    const std::string text = "net.tarni.bodypart.leftarm";
+    const InternedId a = InternedId::Make(text).value();
+    const InternedId b = InternedId::Make(std::string(text)).value();
+    EXPECT_TRUE(a == b);
+    EXPECT_EQ(a.GetText().data(), b.GetText().data());
+    EXPECT_EQ(a.GetText(), text);
+    EXPECT_FALSE(a == InternedId::Make("net.tarni.bodypart.rightarm").value());
+    // Case matters.
+    EXPECT_FALSE(a == InternedId::Make("net.tarni.bodypart.LeftArm").value());
+    EXPECT_EQ(a.ToString().GetView(), text);
+  }
+  {
+    // The empty text is the empty identifier.
+    const InternedId empty = InternedId::Make("").value();
+    EXPECT_TRUE(empty.IsEmpty());
+    EXPECT_TRUE(empty == InternedId());
+    EXPECT_EQ(empty.GetText(), "");
+    EXPECT_TRUE(empty.ToString().IsEmpty());
+  }
+}
+
+TEST(InternedId, ThreadsInterningAtOnceGetOneObjectPerText) {
+  constexpr int kThreads = 8;
+  constexpr int kTexts = 300;
+  std::vector<std::vector<InternedId>> seen(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t, &seen] {
+      // Each thread walks the texts in its own order.
+      for (int i = 0; i < kTexts; ++i) {
+        const int n = (i * 7 + t * 31) % kTexts;
+        const std::string text = "threaded.bone." + std::to_string(n);
+        auto id = InternedId::Make(text);
+        seen[t].push_back(id ? id.value() : InternedId());
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (int n = 0; n < kTexts; ++n) {
+    const InternedId expected = InternedId::Make("threaded.bone." + std::to_string(n)).value();
+    for (int t = 0; t < kThreads; ++t) {
+      const int i = [&] {
+        for (int k = 0; k < kTexts; ++k)
+          if ((k * 7 + t * 31) % kTexts == n) return k;
+        return -1;
+      }();
+      ASSERT_GE(i, 0);
+      EXPECT_TRUE(seen[t][i] == expected) << "thread " << t << " text " << n;
+    }
+  }
+}
+
+TEST(InternedId, FailedInterningLeavesNoEntryBehind) {
+  // Enough new texts that the table has to grow while allocations fail.
+  for (int round = 0; round < 40; ++round) {
+    const std::string text = "fault.probe." + std::to_string(round);
+    ForEachFailingAllocation([] {}, [&] { return InternedId::Make(text); },
+                             [&](const Result<InternedId>& r, bool hit) {
+                               if (hit) {
+                                 EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
+                               } else {
+                                 ASSERT_TRUE(r);
+                                 EXPECT_EQ(r->GetText(), text);
+                               }
+                             });
+    EXPECT_TRUE(InternedId::Make(text).value() == InternedId::Make(text).value());
+  }
+}
+
+}  // namespace
+}  // namespace tarni
