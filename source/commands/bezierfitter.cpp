@@ -6,6 +6,10 @@
 #include <cmath>
 #include <limits>
 
+#if defined(__SSE2__)
+#include <immintrin.h>
+#endif
+
 #include "module/units.h"
 #include "tarni/animationcommands.h"
 
@@ -13,7 +17,7 @@ namespace tarni::ca {
 namespace {
 
 constexpr float kLowest = -3.4028235e38f;
-// Fewer iterations of the Newton reparameterisation than this per cubic, then split.
+// Newton reparameterisations tried on one cubic before it is split.
 constexpr int kMaxIterations = 4;
 
 FitPoint operator-(FitPoint a, FitPoint b) noexcept { return {a.x - b.x, a.y - b.y}; }
@@ -38,9 +42,10 @@ FitPoint Normalized(FitPoint a) noexcept {
 // by the scale and multiplying again would move about one value in ten by an ulp).
 KeyVector Denormalized(FitPoint v, float scale) noexcept { return {v.x, v.y * scale}; }
 
-// De Casteljau evaluation of a Bezier of degree `Degree` at t.
+// De Casteljau evaluation of a Bezier of degree `Degree` at t. Inlined: it is the fit's inner
+// loop, run for every key at every iteration.
 template <int Degree>
-FitPoint Bezier(const FitPoint* control, float t) noexcept {
+[[gnu::always_inline]] inline FitPoint Bezier(const FitPoint* control, float t) noexcept {
   FitPoint v[Degree + 1];
   for (int i = 0; i <= Degree; ++i) v[i] = control[i];
   const float s = 1.0f - t;
@@ -53,16 +58,24 @@ FitPoint Bezier(const FitPoint* control, float t) noexcept {
   return v[0];
 }
 
+// A cubic with the control points of its first and second derivative.
+struct Cubic {
+  FitPoint b[4];
+  FitPoint q1[3];
+  FitPoint q2[2];
+
+  void Derive() noexcept {
+    for (int i = 0; i < 3; ++i) q1[i] = (b[i + 1] - b[i]) * 3.0f;
+    for (int i = 0; i < 2; ++i) q2[i] = (q1[i + 1] - q1[i]) * 2.0f;
+  }
+};
+
 // One Newton-Raphson step towards the parameter of the curve point nearest to `p`; u stays when
 // the step's denominator is too small to trust.
-float NewtonStep(const FitPoint* b, FitPoint p, float u) noexcept {
-  FitPoint q1[3];
-  for (int i = 0; i < 3; ++i) q1[i] = (b[i + 1] - b[i]) * 3.0f;
-  FitPoint q2[2];
-  for (int i = 0; i < 2; ++i) q2[i] = (q1[i + 1] - q1[i]) * 2.0f;
-  const FitPoint delta = Bezier<3>(b, u) - p;
-  const FitPoint d1 = Bezier<2>(q1, u);
-  const FitPoint d2 = Bezier<1>(q2, u);
+[[gnu::always_inline]] inline float NewtonStep(const Cubic& cubic, FitPoint p, float u) noexcept {
+  const FitPoint delta = Bezier<3>(cubic.b, u) - p;
+  const FitPoint d1 = Bezier<2>(cubic.q1, u);
+  const FitPoint d2 = Bezier<1>(cubic.q2, u);
   const float numerator = Dot(delta, d1);
   const float denominator = Dot(d1, d1) + Dot(delta, d2);
   if (std::fabs(denominator) < 1e-05f) return u;
@@ -129,6 +142,48 @@ void GenerateBezier(const FitPoint* points, Int first, Int last, const float* u,
     b[1] = pFirst + tHat1 * third;
     b[2] = pLast + tHat2 * third;
   }
+}
+
+// errors[i] = |Q(u[i]) - p[i]| × weights[i] for i in [begin, end). Four keys at a time where the
+// processor has SSE2: the same operations in the same order per key, so every bit is that of
+// the one-key loop, which finishes the rest.
+void FitErrors(const FitPoint* b, const FitPoint* p, const float* u, const float* weights,
+               Int begin, Int end, float* errors) noexcept {
+  Int i = begin;
+#if defined(__SSE2__)
+  const __m128 one = _mm_set1_ps(1.0f);
+  const __m128 bx[4] = {_mm_set1_ps(b[0].x), _mm_set1_ps(b[1].x), _mm_set1_ps(b[2].x),
+                        _mm_set1_ps(b[3].x)};
+  const __m128 by[4] = {_mm_set1_ps(b[0].y), _mm_set1_ps(b[1].y), _mm_set1_ps(b[2].y),
+                        _mm_set1_ps(b[3].y)};
+  auto lerp = [](__m128 s, __m128 a, __m128 t, __m128 c) {
+    return _mm_add_ps(_mm_mul_ps(s, a), _mm_mul_ps(t, c));
+  };
+  for (; i + 4 <= end; i += 4) {
+    const __m128 t = _mm_loadu_ps(u + i);
+    const __m128 s = _mm_sub_ps(one, t);
+    __m128 x0 = lerp(s, bx[0], t, bx[1]), x1 = lerp(s, bx[1], t, bx[2]),
+           x2 = lerp(s, bx[2], t, bx[3]);
+    __m128 y0 = lerp(s, by[0], t, by[1]), y1 = lerp(s, by[1], t, by[2]),
+           y2 = lerp(s, by[2], t, by[3]);
+    x0 = lerp(s, x0, t, x1);
+    x1 = lerp(s, x1, t, x2);
+    y0 = lerp(s, y0, t, y1);
+    y1 = lerp(s, y1, t, y2);
+    x0 = lerp(s, x0, t, x1);
+    y0 = lerp(s, y0, t, y1);
+    // Keys are (x, y) pairs: split four of them into their x and their y.
+    const __m128 lo = _mm_loadu_ps(&p[i].x);
+    const __m128 hi = _mm_loadu_ps(&p[i + 2].x);
+    const __m128 px = _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(2, 0, 2, 0));
+    const __m128 py = _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 1, 3, 1));
+    const __m128 dx = _mm_sub_ps(x0, px);
+    const __m128 dy = _mm_sub_ps(y0, py);
+    const __m128 length = _mm_sqrt_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)));
+    _mm_storeu_ps(errors + i, _mm_mul_ps(length, _mm_loadu_ps(weights + i)));
+  }
+#endif
+  for (; i < end; ++i) errors[i] = Distance(Bezier<3>(b, u[i]), p[i]) * weights[i];
 }
 
 bool IsFinite(const Key& key) noexcept {
@@ -253,9 +308,14 @@ Result<void> KeyFitter::TakeOver(std::span<const Key> run, bool merge) noexcept 
 Result<void> KeyFitter::FitRun(std::span<const Key> run, bool merge) noexcept {
   const Int n = static_cast<Int>(run.size());
   TARNI_TRY(_points.Resize(n));
+  TARNI_TRY(_lengths.Resize(n));
+  TARNI_TRY(_weights.Resize(n));
   for (Int i = 0; i < n; ++i) {
-    const KeyVector& position = run[static_cast<std::size_t>(i)].position;
-    _points[i] = {position.x, position.y / _scale};
+    const Key& key = run[static_cast<std::size_t>(i)];
+    _points[i] = {key.position.x, key.position.y / _scale};
+    _lengths[i] = i == 0 ? 0.0f : Distance(_points[i], _points[i - 1]);
+    // A magnet key's error weighs 1.5 times; multiplying the others by 1 changes no bit.
+    _weights[i] = (key.flags & KEYFLAG_MAGNET) != 0 ? 1.5f : 1.0f;
   }
   if (!merge) TARNI_TRY(_output.Append(run[0]));
   const FitPoint tHat1 = _points[1] - _points[0];
@@ -294,13 +354,17 @@ Result<void> KeyFitter::FitCubic(std::span<const Key> run, Int first, Int last, 
       continue;
     }
 
-    // Chord-length parameters.
+    // Chord-length parameters, from the run's key-to-key distances.
     const Int span = task.last - task.first;
     TARNI_TRY(_u.Resize(span + 1));
+    TARNI_TRY(_errors.Resize(span + 1));
     float* u = _u.GetFirst();
+    float* errors = _errors.GetFirst();
+    const float* lengths = _lengths.GetFirst() + task.first;
+    const float* weights = _weights.GetFirst() + task.first;
+    const FitPoint* p = points + task.first;
     u[0] = 0.0f;
-    for (Int i = 1; i <= span; ++i)
-      u[i] = u[i - 1] + Distance(points[task.first + i], points[task.first + i - 1]);
+    for (Int i = 1; i <= span; ++i) u[i] = u[i - 1] + lengths[i];
     for (Int i = 1; i <= span; ++i) u[i] = u[i] / u[span];
 
     const FitPoint unit1 = Normalized(task.tHat1);
@@ -309,27 +373,28 @@ Result<void> KeyFitter::FitCubic(std::span<const Key> run, Int first, Int last, 
     bool valid = true;
     bool accepted = false;
     Int split = task.first + span / 2;  // stands only if no distance is a number
-    FitPoint b[4];
+    Cubic cubic;
     for (int iteration = 0; iteration < kMaxIterations; ++iteration) {
-      GenerateBezier(points, task.first, task.last, u, unit1, unit2, b);
+      GenerateBezier(points, task.first, task.last, u, unit1, unit2, cubic.b);
+      // The errors first (a loop without dependencies between keys), then the worst of them.
+      FitErrors(cubic.b, p, u, weights, 1, span, errors);
       float maxError = 0.0f;
-      for (Int i = task.first + 1; i < task.last; ++i) {
-        float error = Distance(Bezier<3>(b, u[i - task.first]), points[i]);
-        if ((run[static_cast<std::size_t>(i)].flags & KEYFLAG_MAGNET) != 0) error *= 1.5f;
-        if (error >= maxError) {  // a tie goes to the later key
-          maxError = error;
-          split = i;
+      for (Int i = 1; i < span; ++i) {
+        if (errors[i] >= maxError) {  // a tie goes to the later key
+          maxError = errors[i];
+          split = task.first + i;
         }
       }
       if (maxError < _tolerance && valid) {
-        _output.GetLast().rightTangent = Denormalized(b[1] - b[0], _scale);
-        created.leftTangent = Denormalized(b[2] - b[3], _scale);
+        _output.GetLast().rightTangent = Denormalized(cubic.b[1] - cubic.b[0], _scale);
+        created.leftTangent = Denormalized(cubic.b[2] - cubic.b[3], _scale);
         TARNI_TRY(_output.Append(created));
         accepted = true;
         break;
       }
       if (maxError >= iterationLimit) break;
-      for (Int i = 0; i <= span; ++i) u[i] = NewtonStep(b, points[task.first + i], u[i]);
+      cubic.Derive();
+      for (Int i = 0; i <= span; ++i) u[i] = NewtonStep(cubic, p[i], u[i]);
       valid = true;
       for (Int i = 1; i <= span; ++i) valid = valid && u[i] > u[i - 1];
       iterationLimit = maxError;  // a later iteration that does not lower the error stops

@@ -72,7 +72,10 @@ class KeyFitter {
   BaseArray<KeyRun> _runs;
   KeyArray _output;
   BaseArray<FitPoint> _points;  // the run's positions, values normalised
+  BaseArray<float> _lengths;    // distance of each run key from the one before
+  BaseArray<float> _weights;    // error weight of each run key: 1.5 for magnet keys, else 1
   BaseArray<float> _u;          // parameters of the keys of the fit at hand
+  BaseArray<float> _errors;     // the fit's error at each of its keys
   BaseArray<CubicTask> _tasks;  // pending fits, the next one last
 };
 
