@@ -1,0 +1,378 @@
+#include "jobs/reduce.h"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "host.h"
+#include "io/bvh.h"
+#include "io/curvefile.h"
+#include "tarni/animationcommands.h"
+
+namespace tarni::host {
+namespace {
+
+constexpr float kDefaultStrength = 0.3f;
+
+constexpr std::string_view kReduceUsage =
+    "usage: tarni-ca reduce INPUT -o OUTPUT.json [options]\n"
+    "\n"
+    "Reduces the keys of animation curves to far fewer keys whose Bezier segments follow the\n"
+    "input within a tolerance set by the strength. INPUT is a BVH clip (one curve per channel,\n"
+    "one key per frame) or a JSON curve file; OUTPUT is a JSON curve file of the same form.\n"
+    "A summary tells the curves, the keys in and out, and the largest vertical error of the\n"
+    "reduced curves at the input keys' times, with the curve where it occurs.\n"
+    "\n"
+    "options:\n"
+    "  -o, --output PATH      where to write the reduced curves (required)\n"
+    "  --strength S           reduction strength, 0 or more (default 0.3); the tolerance is\n"
+    "                         S^3 x 0.8 of a curve's largest |value|; 1e-06 or less keeps all\n"
+    "  --magnet FRAMES        pull keys of different curves onto shared times this many frames\n"
+    "                         wide (default 0: off)\n"
+    "  --use-locked-keys      keep keys flagged as locked where they are (default off)\n"
+    "  --use-key-selection    reduce only selected keys, keep the others (default off)\n"
+    "  --fps N                frames per second (default: the input file's rate); for a BVH\n"
+    "                         clip it also sets the key times\n"
+    "  --command NAME         fitter (default) or modification\n"
+    "  --curve-type TYPE      with --command modification: fitted (default), linear or flatmax\n"
+    "                         (flatmax also writes each curve's value range)\n"
+    "  -h, --help             this text\n";
+
+enum class ReduceCommand { kFitter, kModification };
+
+struct Options {
+  std::string input;
+  std::string output;
+  float strength = kDefaultStrength;
+  std::int32_t magnet = 0;
+  bool useLockedKeys = false;
+  bool useKeySelection = false;
+  std::optional<double> fps;
+  ReduceCommand command = ReduceCommand::kFitter;
+  std::optional<ModificationCurveType> curveType;
+};
+
+int UsageError(const std::string& message) {
+  PrintError("reduce: " + message + "; see tarni-ca reduce --help");
+  return kExitBadInput;
+}
+
+template <typename T>
+bool ParseNumber(std::string_view text, T& value) {
+  const char* end = text.data() + text.size();
+  auto [ptr, ec] = std::from_chars(text.data(), end, value);
+  return ec == std::errc() && ptr == end;
+}
+
+// Fills `options`; returns -1 to go on, or the exit status to end with.
+int ParseOptions(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    auto value = [&](std::string_view& out) {
+      if (i + 1 >= argc) return false;
+      out = argv[++i];
+      return true;
+    };
+    std::string_view text;
+    if (arg == "-h" || arg == "--help") {
+      std::fwrite(kReduceUsage.data(), 1, kReduceUsage.size(), stdout);
+      return kExitOk;
+    } else if (arg == "-o" || arg == "--output") {
+      if (!value(text)) return UsageError(std::string(arg) + " needs a path");
+      options.output = text;
+    } else if (arg == "--strength") {
+      if (!value(text) || !ParseNumber(text, options.strength) ||
+          !std::isfinite(options.strength) || options.strength < 0)
+        return UsageError("--strength needs a number of 0 or more");
+    } else if (arg == "--magnet") {
+      if (!value(text) || !ParseNumber(text, options.magnet) || options.magnet < 0)
+        return UsageError("--magnet needs a whole number of frames, 0 or more");
+    } else if (arg == "--fps") {
+      double fps = 0;
+      if (!value(text) || !ParseNumber(text, fps) || !std::isfinite(fps) || fps < 0.5 ||
+          fps > std::numeric_limits<std::int32_t>::max())
+        return UsageError("--fps needs a frame rate of at least 0.5");
+      options.fps = fps;
+    } else if (arg == "--use-locked-keys") {
+      options.useLockedKeys = true;
+    } else if (arg == "--use-key-selection") {
+      options.useKeySelection = true;
+    } else if (arg == "--command") {
+      if (!value(text)) return UsageError("--command needs fitter or modification");
+      if (text == "fitter") {
+        options.command = ReduceCommand::kFitter;
+      } else if (text == "modification") {
+        options.command = ReduceCommand::kModification;
+      } else {
+        return UsageError("--command needs fitter or modification, not '" + std::string(text) +
+                          "'");
+      }
+    } else if (arg == "--curve-type") {
+      if (!value(text)) return UsageError("--curve-type needs fitted, linear or flatmax");
+      if (text == "fitted") {
+        options.curveType = ModificationCurveType::Fitted;
+      } else if (text == "linear") {
+        options.curveType = ModificationCurveType::Linear;
+      } else if (text == "flatmax") {
+        options.curveType = ModificationCurveType::FlatMaximum;
+      } else {
+        return UsageError("--curve-type needs fitted, linear or flatmax, not '" +
+                          std::string(text) + "'");
+      }
+    } else if (arg.size() > 1 && arg[0] == '-') {
+      return UsageError("unknown option '" + std::string(arg) + "'");
+    } else if (options.input.empty()) {
+      options.input = arg;
+    } else {
+      return UsageError("one input file only ('" + std::string(arg) + "' is a second)");
+    }
+  }
+  if (options.input.empty()) return UsageError("no input file");
+  if (options.output.empty()) return UsageError("no output file (-o OUTPUT.json)");
+  if (options.curveType && options.command != ReduceCommand::kModification)
+    return UsageError("--curve-type goes with --command modification");
+  return -1;
+}
+
+bool IsBvhPath(const std::string& path) {
+  std::string extension = std::filesystem::path(path).extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return extension == ".bvh";
+}
+
+// Reads INPUT into curves; a BVH clip becomes one curve per channel.
+bool ReadInput(const Options& options, CurveFile& curves, IoError& error) {
+  if (IsBvhPath(options.input)) {
+    BvhMotion motion;
+    if (!ReadBvh(std::filesystem::path(options.input), motion, error)) return false;
+    curves = CurvesFromBvh(motion, options.fps.value_or(0.0));
+    return true;
+  }
+  if (!ReadCurveFile(std::filesystem::path(options.input), curves, error)) return false;
+  if (options.fps) curves.fps = *options.fps;
+  return true;
+}
+
+Key ToKey(const CurveKey& in) {
+  Key key;
+  key.flags = in.flags;
+  key.position = {in.position[0], in.position[1]};
+  key.leftTangent = {in.leftTangent[0], in.leftTangent[1]};
+  key.rightTangent = {in.rightTangent[0], in.rightTangent[1]};
+  return key;
+}
+
+CurveKey FromKey(const Key& in) {
+  CurveKey key;
+  key.flags = in.flags;
+  key.position[0] = in.position.x;
+  key.position[1] = in.position.y;
+  key.leftTangent[0] = in.leftTangent.x;
+  key.leftTangent[1] = in.leftTangent.y;
+  key.rightTangent[0] = in.rightTangent.x;
+  key.rightTangent[1] = in.rightTangent.y;
+  return key;
+}
+
+Result<KeyCurves> ToKeyCurves(const CurveFile& file) {
+  KeyCurves curves;
+  TARNI_TRY(curves.EnsureCapacity(static_cast<Int>(file.curves.size())));
+  for (const Curve& curve : file.curves) {
+    KeyArray keys;
+    TARNI_TRY(keys.EnsureCapacity(static_cast<Int>(curve.keys.size())));
+    for (const CurveKey& key : curve.keys) TARNI_TRY(keys.Append(ToKey(key)));
+    TARNI_TRY(curves.Append(std::move(keys)));
+  }
+  return curves;
+}
+
+// Fills the command data, runs the command and takes its results into `output` (whose curve
+// names are already those of the input).
+Result<void> RunCommand(const Options& options, const CurveFile& input, CurveFile& output) {
+  Ref<CommandData> data = TARNI_TRY(CreateCommandData(kAnimationCommandDataClassId));
+  TARNI_TRY(data->Set<KeyCurves>(kAnimationCurvesId, TARNI_TRY(ToKeyCurves(input))));
+  const double fps = std::clamp(std::round(input.fps), 1.0,
+                                static_cast<double>(std::numeric_limits<std::int32_t>::max()));
+  TARNI_TRY(data->Set<std::int32_t>(kProjectFpsId, static_cast<std::int32_t>(fps)));
+  TARNI_TRY(data->Set<float>(kKeyReducerStrengthId, options.strength));
+  TARNI_TRY(data->Set<std::int32_t>(kKeyReducerMagnetId, options.magnet));
+  TARNI_TRY(data->Set<bool>(kKeyReducerUseLockedKeysId, options.useLockedKeys));
+  TARNI_TRY(data->Set<bool>(kKeyReducerUseKeySelectionId, options.useKeySelection));
+  const bool modification = options.command == ReduceCommand::kModification;
+  if (modification) {
+    const auto type = options.curveType.value_or(ModificationCurveType::Fitted);
+    TARNI_TRY(data->Set<std::int64_t>(kModificationCurveTypeId, static_cast<std::int64_t>(type)));
+  }
+
+  Ref<Command> command = TARNI_TRY(
+      CreateCommand(modification ? kReducedModificationCurveCommandId : kBezierFitterCommandId));
+  TARNI_TRY(command->Execute(*data));
+
+  const Shared<KeyCurves> curves = TARNI_TRY(data->GetShared<KeyCurves>(kAnimationCurvesId));
+  if (curves->value.GetCount() != static_cast<Int>(output.curves.size()))
+    return UnexpectedError("The command returned another number of curves.");
+  for (size_t c = 0; c < output.curves.size(); ++c) {
+    std::vector<CurveKey>& keys = output.curves[c].keys;
+    keys.clear();
+    for (const Key& key : curves->value[static_cast<Int>(c)]) {
+      // A one-key curve comes back from the straight and flat reductions as two equal keys; the
+      // file holds strictly ascending times, and the second key would add nothing.
+      if (!keys.empty() && keys.back().position[0] == key.position.x &&
+          keys.back().position[1] == key.position.y)
+        continue;
+      keys.push_back(FromKey(key));
+    }
+  }
+  if (modification && options.curveType == ModificationCurveType::FlatMaximum) {
+    const Shared<MinMaxArray> ranges = TARNI_TRY(data->GetShared<MinMaxArray>(kMinMaxArrId));
+    for (size_t c = 0; c < output.curves.size(); ++c) {
+      const MinMax& range = ranges->value[static_cast<Int>(c)];
+      if (range.minimum > range.maximum) {  // a curve without keys has no range
+        PrintError("reduce: curve '" + output.curves[c].name +
+                   "' has no keys; its range is written as [0, 0]");
+        output.ranges.push_back({0.0f, 0.0f});
+      } else {
+        output.ranges.push_back({range.minimum, range.maximum});
+      }
+    }
+  }
+  return OK;
+}
+
+struct Point {
+  double x;
+  double y;
+};
+
+Point BezierPoint(const Point (&p)[4], double s) {
+  const double r = 1.0 - s;
+  const double b0 = r * r * r, b1 = 3 * r * r * s, b2 = 3 * r * s * s, b3 = s * s * s;
+  return {b0 * p[0].x + b1 * p[1].x + b2 * p[2].x + b3 * p[3].x,
+          b0 * p[0].y + b1 * p[1].y + b2 * p[2].y + b3 * p[3].y};
+}
+
+// The value of a reduced curve at `time`. Between two keys the segment runs from a key through
+// key + right tangent and next key + left tangent to the next key; a handle left at (-1, -1),
+// the value the commands write into a tangent they do not define, lies on the straight line a
+// third of the way along. Before the first and after the last key the curve holds its end value.
+double ValueAt(const std::vector<CurveKey>& keys, double time) {
+  if (keys.empty()) return 0.0;
+  if (time <= keys.front().position[0]) return keys.front().position[1];
+  if (time >= keys.back().position[0]) return keys.back().position[1];
+  const auto next = std::upper_bound(keys.begin(), keys.end(), time,
+                                     [](double t, const CurveKey& k) { return t < k.position[0]; });
+  const CurveKey& a = *(next - 1);
+  const CurveKey& b = *next;
+  if (time == a.position[0]) return a.position[1];
+  const Point p0{a.position[0], a.position[1]};
+  const Point p3{b.position[0], b.position[1]};
+  auto undefined = [](const float(&tangent)[2]) { return tangent[0] == -1 && tangent[1] == -1; };
+  const Point p1 = undefined(a.rightTangent)
+                       ? Point{p0.x + (p3.x - p0.x) / 3, p0.y + (p3.y - p0.y) / 3}
+                       : Point{p0.x + a.rightTangent[0], p0.y + a.rightTangent[1]};
+  const Point p2 = undefined(b.leftTangent)
+                       ? Point{p3.x - (p3.x - p0.x) / 3, p3.y - (p3.y - p0.y) / 3}
+                       : Point{p3.x + b.leftTangent[0], p3.y + b.leftTangent[1]};
+  const Point p[4] = {p0, p1, p2, p3};
+  // x runs from p0.x below `time` to p3.x above it: bisect for the parameter that meets it.
+  double lo = 0.0, hi = 1.0;
+  for (int i = 0; i < 64; ++i) {
+    const double mid = 0.5 * (lo + hi);
+    if (BezierPoint(p, mid).x < time)
+      lo = mid;
+    else
+      hi = mid;
+  }
+  return BezierPoint(p, 0.5 * (lo + hi)).y;
+}
+
+struct Measure {
+  size_t keysIn = 0;
+  size_t keysOut = 0;
+  double worstError = 0.0;
+  std::string worstCurve;
+  double worstTime = 0.0;
+};
+
+Measure MeasureReduction(const CurveFile& input, const CurveFile& output) {
+  Measure measure;
+  measure.worstError = -1.0;
+  for (size_t c = 0; c < input.curves.size(); ++c) {
+    const Curve& original = input.curves[c];
+    const Curve& reduced = output.curves[c];
+    measure.keysIn += original.keys.size();
+    measure.keysOut += reduced.keys.size();
+    for (const CurveKey& key : original.keys) {
+      if ((key.flags & KEYFLAG_IGNORED) != 0) continue;  // left out on purpose
+      const double error = std::fabs(ValueAt(reduced.keys, key.position[0]) - key.position[1]);
+      if (error > measure.worstError) {
+        measure.worstError = error;
+        measure.worstCurve = original.name;
+        measure.worstTime = key.position[0];
+      }
+    }
+  }
+  if (measure.worstError < 0) measure.worstError = 0;
+  return measure;
+}
+
+}  // namespace
+
+int RunReduce(int argc, char** argv) {
+  Options options;
+  if (const int status = ParseOptions(argc, argv, options); status >= 0) return status;
+
+  CurveFile input;
+  IoError ioError;
+  if (!ReadInput(options, input, ioError)) {
+    PrintError(ioError.ToText());
+    return kExitBadInput;
+  }
+
+  CurveFile output;
+  output.fps = input.fps;
+  output.curves.resize(input.curves.size());
+  for (size_t c = 0; c < input.curves.size(); ++c) output.curves[c].name = input.curves[c].name;
+  const auto start = std::chrono::steady_clock::now();
+  if (auto ran = RunCommand(options, input, output); !ran) {
+    PrintError("reduce: " + options.input + ": " + ErrorText(ran.error()));
+    return ran.error().Is(ErrorKind::kIllegalArgument) ? kExitBadInput : kExitFailure;
+  }
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+
+  if (!WriteCurveFile(std::filesystem::path(options.output), output, ioError)) {
+    PrintError(ioError.ToText());
+    return kExitFailure;
+  }
+
+  const Measure measure = MeasureReduction(input, output);
+  const double kept =
+      measure.keysIn == 0 ? 0.0 : 100.0 * static_cast<double>(measure.keysOut) / measure.keysIn;
+  std::printf("%s -> %s\n", options.input.c_str(), options.output.c_str());
+  std::printf("  curves:        %zu\n", input.curves.size());
+  std::printf("  keys in:       %zu\n", measure.keysIn);
+  std::printf("  keys out:      %zu (%.2f%% kept)\n", measure.keysOut, kept);
+  if (measure.worstCurve.empty()) {
+    std::printf("  largest error: 0\n");
+  } else {
+    std::printf("  largest error: %.6g (worst curve %s, at %.6g s)\n", measure.worstError,
+                measure.worstCurve.c_str(), measure.worstTime);
+  }
+  std::printf("  time:          %.3f s (%.0f keys/s)\n", seconds,
+              seconds > 0 ? static_cast<double>(measure.keysIn) / seconds : 0.0);
+  return kExitOk;
+}
+
+}  // namespace tarni::host
