@@ -5,6 +5,7 @@
 
 #include "curvecommands.h"
 #include "tarni/classes.h"
+#include "tarni/memory.h"
 
 namespace tarni {
 namespace {
@@ -178,6 +179,24 @@ TEST(AnimationData, DictionaryAndObserverCopiedByDictionaryOnly) {
   writable[0][0].position.y = 99.0f;
   EXPECT_EQ(data->GetShared<KeyCurves>(kAnimationCurvesId).value()->value[0][0].position.y, 1.0f);
   EXPECT_EQ(writable[0].GetCount(), 3);
+
+  // When memory runs out while unsharing nested arrays, nothing is half copied or leaked and the
+  // reference keeps the shared value.
+  Shared<KeyCurves> again = data->GetShared<KeyCurves>(kAnimationCurvesId).value();
+  const KeyCurves* original = &again->value;
+  int refused = 0;
+  for (std::int64_t n = 1; n < 100; ++n) {
+    fault::FailNthAllocation(n);
+    auto writable = again.MakeWritable();
+    fault::Disarm();
+    if (writable) break;
+    ++refused;
+    EXPECT_TRUE(writable.error().Is(ErrorKind::kNullReference));
+    EXPECT_EQ(&again->value, original);
+  }
+  EXPECT_GE(refused, 3);  // the box, the outer array, the curve
+  EXPECT_NE(&again->value, original);
+  EXPECT_TRUE(SameBits(again->value[0], curve));
 
   // The class names its two base components.
   const ClassInfo* info = FindClass(kAnimationCommandDataClassId);
