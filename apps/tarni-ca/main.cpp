@@ -16,6 +16,9 @@
 #include "jobs/reduce.h"
 #define TARNI_HOST_HAS_REDUCE 1
 #endif
+#include "jobs/demo.h"
+#include "jobs/inspect.h"
+#include "jobs/retarget.h"
 
 namespace tarni::host {
 namespace {
@@ -26,10 +29,14 @@ constexpr std::string_view kUsage =
     "Character animation jobs with the module net.tarni.ca.\n"
     "\n"
     "commands:\n"
+    "  demo        generate a walking character, retarget it onto another skeleton, key-reduce\n"
+    "              it and draw both (no input needed)\n"
+    "  inspect     show a BVH skeleton and how a body-part preset maps it\n"
     "  modules     list what the module registers: id, hash word, kind, implementation, unit\n"
 #ifdef TARNI_HOST_HAS_REDUCE
     "  reduce      reduce the keys of animation curves (BVH or JSON curves in, JSON curves out)\n"
 #endif
+    "  retarget    move the motion of BVH clips onto another skeleton\n"
     "\n"
     "options:\n"
     "  --plugin PATH   the module to load (default: $TARNI_CA_PLUGIN, then the installed module,\n"
@@ -133,6 +140,9 @@ int Main(int argc, char** argv) {
   const std::string_view command = argv[first];
   int (*run)(int, char**) = nullptr;
   if (command == "modules") run = &RunModules;
+  if (command == "retarget") run = &RunRetarget;
+  if (command == "inspect") run = &RunInspect;
+  if (command == "demo") run = &RunDemo;
 #ifdef TARNI_HOST_HAS_REDUCE
   if (command == "reduce") run = &RunReduce;
 #endif
