@@ -7,20 +7,10 @@
 
 namespace tarni {
 namespace detail {
-struct UuidData {
-  std::atomic<std::int32_t> refs;
-  std::uint64_t high;
-  std::uint64_t low;
-};
+void FreeUuidData(UuidData* data) noexcept { Delete(data); }
 }  // namespace detail
 
 namespace {
-void Retain(detail::UuidData* data) noexcept {
-  if (data != nullptr) data->refs.fetch_add(1, std::memory_order_relaxed);
-}
-void Release(detail::UuidData* data) noexcept {
-  if (data != nullptr && data->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) Delete(data);
-}
 int HexValue(char c) noexcept {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -28,17 +18,6 @@ int HexValue(char c) noexcept {
   return -1;
 }
 }  // namespace
-
-Uuid::Uuid(const Uuid& other) noexcept : _data(other._data) { Retain(_data); }
-
-Uuid& Uuid::operator=(const Uuid& other) noexcept {
-  if (_data != other._data) {
-    Retain(other._data);
-    Release(_data);
-    _data = other._data;
-  }
-  return *this;
-}
 
 Uuid& Uuid::operator=(Uuid&& other) noexcept {
   if (this != &other) {
@@ -48,8 +27,6 @@ Uuid& Uuid::operator=(Uuid&& other) noexcept {
   }
   return *this;
 }
-
-Uuid::~Uuid() { Release(_data); }
 
 Result<Uuid> Uuid::Make(std::uint64_t high, std::uint64_t low) noexcept {
   auto* data = New<detail::UuidData>();
@@ -91,15 +68,6 @@ Result<Uuid> Uuid::Parse(std::string_view text) noexcept {
     ++nibbles;
   }
   return Make(words[0], words[1]);
-}
-
-std::uint64_t Uuid::GetHigh() const noexcept { return _data ? _data->high : 0; }
-std::uint64_t Uuid::GetLow() const noexcept { return _data ? _data->low : 0; }
-
-std::uint64_t Uuid::GetHashCode() const noexcept {
-  std::uint64_t h = GetHigh() ^ (GetLow() * 0x9E3779B97F4A7C15ull);
-  h ^= h >> 31;
-  return h * 0xBF58476D1CE4E5B9ull;
 }
 
 void Uuid::AppendText(TextBuilder& out, const FormatStatement*) const noexcept {

@@ -14,17 +14,32 @@
 namespace tarni {
 
 namespace detail {
-struct UuidData;
-}
+// Visible here so that copying, comparing and hashing Uuids inline: node lookups by Uuid are the
+// solver's inner loop.
+struct UuidData {
+  std::atomic<std::int32_t> refs;
+  std::uint64_t high;
+  std::uint64_t low;
+};
+// Frees id data whose last reference is gone.
+void FreeUuidData(UuidData* data) noexcept;
+}  // namespace detail
 
 class Uuid {
  public:
   constexpr Uuid() noexcept = default;
-  Uuid(const Uuid& other) noexcept;
+  Uuid(const Uuid& other) noexcept : _data(other._data) { Retain(_data); }
   Uuid(Uuid&& other) noexcept : _data(other._data) { other._data = nullptr; }
-  Uuid& operator=(const Uuid& other) noexcept;
+  Uuid& operator=(const Uuid& other) noexcept {
+    if (_data != other._data) {
+      Retain(other._data);
+      Release(_data);
+      _data = other._data;
+    }
+    return *this;
+  }
   Uuid& operator=(Uuid&& other) noexcept;
-  ~Uuid();
+  ~Uuid() { Release(_data); }
 
   // A Uuid holding the given 128 bits (high word first).
   static Result<Uuid> Make(std::uint64_t high, std::uint64_t low) noexcept;
@@ -38,19 +53,30 @@ class Uuid {
   bool HasData() const noexcept { return _data != nullptr; }
   // True when both refer to the same id data (two empty Uuids share "no data").
   bool SharesData(const Uuid& other) const noexcept { return _data == other._data; }
-  std::uint64_t GetHigh() const noexcept;
-  std::uint64_t GetLow() const noexcept;
+  std::uint64_t GetHigh() const noexcept { return _data ? _data->high : 0; }
+  std::uint64_t GetLow() const noexcept { return _data ? _data->low : 0; }
 
   // Equal 128-bit values (the empty Uuid equals the nil value).
   bool operator==(const Uuid& other) const noexcept {
     return _data == other._data || (GetHigh() == other.GetHigh() && GetLow() == other.GetLow());
   }
-  std::uint64_t GetHashCode() const noexcept;
+  std::uint64_t GetHashCode() const noexcept {
+    std::uint64_t h = GetHigh() ^ (GetLow() * 0x9E3779B97F4A7C15ull);
+    h ^= h >> 31;
+    return h * 0xBF58476D1CE4E5B9ull;
+  }
 
   void AppendText(TextBuilder& out, const FormatStatement* format = nullptr) const noexcept;
   String ToString(const FormatStatement* format = nullptr) const noexcept;
 
  private:
+  static void Retain(detail::UuidData* data) noexcept {
+    if (data != nullptr) data->refs.fetch_add(1, std::memory_order_relaxed);
+  }
+  static void Release(detail::UuidData* data) noexcept {
+    if (data != nullptr && data->refs.fetch_sub(1, std::memory_order_acq_rel) == 1)
+      detail::FreeUuidData(data);
+  }
   detail::UuidData* _data = nullptr;
 };
 
