@@ -4,27 +4,90 @@
 #include "solver/quaternion.h"
 #include "tarni/charactersolver.h"
 #include "tarni/describe.h"
+#include "tarni/hashmap.h"
 
 namespace tarni::ca {
 namespace {
 
-// The matrix of a node, or the identity for a missing node.
-const Matrix& GlobalOf(const CharacterNodeTransformRef& node) noexcept {
-  static constexpr Matrix kIdentity{};
+// The matrices of a node, or the identity for a missing node.
+constexpr Matrix kIdentity{};
+const Matrix& GlobalOf(const CharacterNodeTransform* node) noexcept {
   return node ? node->GetGlobalMatrix() : kIdentity;
 }
-const Matrix& ParentGlobalOf(const CharacterNodeTransformRef& node) noexcept {
-  static constexpr Matrix kIdentity{};
+const Matrix& ParentGlobalOf(const CharacterNodeTransform* node) noexcept {
   return node ? node->GetParentGlobalMatrix() : kIdentity;
 }
+
+// The first-match lookup of a pose's nodes by Uuid, GetNodeTransformByID's rule: the first
+// element, in array order, whose Uuid equals the key, an empty element counting as the empty Uuid.
+// The extraction looks up every rest node in two poses; scanning per node made it quadratic in the
+// node count, so each pose is indexed once per call instead. Poses of up to kInlineNodes nodes
+// are indexed in place; a larger one whose index cannot get memory is scanned.
+class FirstMatchIndex {
+ public:
+  explicit FirstMatchIndex(const CharacterPose& pose) noexcept
+      : _nodes(pose.GetNodeTransformArray()) {
+    const Int count = _nodes.GetCount();
+    Int slotCount = 2 * kInlineNodes;
+    while (slotCount < 2 * count) slotCount *= 2;
+    if (slotCount > 2 * kInlineNodes) {
+      if (!_heapSlots.Resize(slotCount)) return;  // no index: Find scans
+      _slots = _heapSlots.GetFirst();
+    } else {
+      _slots = _inlineSlots;
+    }
+    _mask = slotCount - 1;
+    for (Int i = 0; i < slotCount; ++i) _slots[i] = -1;
+    for (Int i = 0; i < count; ++i) {
+      const Uuid& key = KeyOf(i);
+      Int slot = SlotOf(key);
+      while (_slots[slot] >= 0 && !(KeyOf(_slots[slot]) == key)) slot = (slot + 1) & _mask;
+      if (_slots[slot] < 0) _slots[slot] = i;  // an earlier element with this Uuid keeps the slot
+    }
+  }
+  FirstMatchIndex(const FirstMatchIndex&) = delete;
+  FirstMatchIndex& operator=(const FirstMatchIndex&) = delete;
+
+  // The first element whose Uuid equals `id` (possibly an empty reference), or null when none
+  // does. Valid while the pose is neither changed nor released.
+  const CharacterNodeTransformRef* Find(const Uuid& id) const noexcept {
+    if (_slots == nullptr) {
+      for (Int i = 0; i < _nodes.GetCount(); ++i)
+        if (KeyOf(i) == id) return &_nodes[i];
+      return nullptr;
+    }
+    for (Int slot = SlotOf(id); _slots[slot] >= 0; slot = (slot + 1) & _mask) {
+      if (KeyOf(_slots[slot]) == id) return &_nodes[_slots[slot]];
+    }
+    return nullptr;
+  }
+
+ private:
+  static constexpr Int kInlineNodes = 64;
+  static inline const Uuid kEmpty{};
+
+  const Uuid& KeyOf(Int index) const noexcept {
+    const CharacterNodeTransformRef& node = _nodes[index];
+    return node ? node->GetUuid() : kEmpty;
+  }
+  Int SlotOf(const Uuid& key) const noexcept {
+    return static_cast<Int>(Hasher<Uuid>{}(key)) & _mask;
+  }
+
+  const BaseArray<CharacterNodeTransformRef>& _nodes;
+  Int* _slots = nullptr;
+  Int _mask = 0;
+  Int _inlineSlots[2 * kInlineNodes];
+  BaseArray<Int> _heapSlots;
+};
 
 // The reciprocal of an axis length; a zero-length axis normalises to the zero vector.
 Float64 ReciprocalLength(Float64 length) noexcept { return length == 0.0 ? 0.0 : 1.0 / length; }
 
 // The delta of one node: its rest-relative transform once the source parent's motion is replaced
 // by the rest parent's. `source` and `rest` may be missing (identity matrices stand in).
-Matrix NodeDelta(const CharacterNodeTransformRef& source,
-                 const CharacterNodeTransformRef& rest) noexcept {
+Matrix NodeDelta(const CharacterNodeTransform* source,
+                 const CharacterNodeTransform* rest) noexcept {
   const Matrix& a = ParentGlobalOf(source);
   const Matrix& b = ParentGlobalOf(rest);
   const Matrix& c = GlobalOf(source);
@@ -40,6 +103,9 @@ Matrix NodeDelta(const CharacterNodeTransformRef& source,
 
 class CharacterSolverImpl final : public CharacterSolver {
   TARNI_IMPLEMENTS(CharacterSolverImpl, CharacterSolver)
+
+  static constexpr Int kMaxUnrolledDepth = 64;
+
  public:
   Result<CharacterPoseRef> ExtractGlobalDeltaPose(
       const CharacterSolverConfigurationRef& config,
@@ -60,11 +126,16 @@ class CharacterSolverImpl final : public CharacterSolver {
     // is set, which clones it, so the rest pose's nodes never change.
     BaseArray<CharacterNodeTransformRef> nodes;
     if (!nodes.CopyFrom(restNodes)) return OutOfMemoryError();
+    // Both poses stay alive and unchanged while the loop reads their nodes.
+    const FirstMatchIndex restIndex(*rest);
+    const FirstMatchIndex sourceIndex(*sourcePose);
+    static const Uuid kEmpty;
     for (CharacterNodeTransformRef& element : nodes) {
-      const Uuid uuid = element ? element->GetUuid() : Uuid();
-      const CharacterNodeTransformRef restNode = TARNI_TRY(rest->GetNodeTransformByID(uuid));
-      const CharacterNodeTransformRef srcNode = TARNI_TRY(sourcePose->GetNodeTransformByID(uuid));
-      const Matrix delta = NodeDelta(srcNode, restNode);
+      const Uuid& uuid = element ? element->GetUuid() : kEmpty;
+      const CharacterNodeTransformRef* restNode = restIndex.Find(uuid);
+      const CharacterNodeTransformRef* srcNode = sourceIndex.Find(uuid);
+      const Matrix delta =
+          NodeDelta(srcNode ? srcNode->Get() : nullptr, restNode ? restNode->Get() : nullptr);
       CharacterNodeTransform* writable = TARNI_TRY(element.MakeWritable());
       writable->SetGlobalMatrix(delta);
     }
@@ -81,9 +152,9 @@ class CharacterSolverImpl final : public CharacterSolver {
                                           const CharacterBodyPartSolverSettingRef& bpSetting,
                                           Float64 weight) const noexcept override {
     TARNI_CHECK_STATE_WITH(bpSetting, Matrix());
-    Matrix p = GlobalOf(target);
-    const Matrix& dl = GlobalOf(delta);
-    const Matrix& g = ParentGlobalOf(target);
+    Matrix p = GlobalOf(target.Get());
+    const Matrix& dl = GlobalOf(delta.Get());
+    const Matrix& g = ParentGlobalOf(target.Get());
 
     if (bpSetting->IsTransformActive(TransformComponent::POSITION)) {
       const Float64 wp = bpSetting->GetTransformWeight(TransformComponent::POSITION) * weight;
@@ -100,9 +171,16 @@ class CharacterSolverImpl final : public CharacterSolver {
       const Quaternion q = AxesToQuaternion(
           dl.v1 * ReciprocalLength(l1), dl.v2 * ReciprocalLength(l2), dl.v3 * ReciprocalLength(l3));
       // A negative weight does not flip the blend; it turns the blended rotation back below.
-      Result<Quaternion> blended = QuaternionBlend(Quaternion(), q, std::fabs(wr * weight));
-      if (!blended) return {Matrix(), std::move(blended).error()};
-      RotationRows rows = QuaternionToRotationRows(blended.value());
+      const Float64 t = std::fabs(wr * weight);
+      Quaternion turn = q;
+      // The blend from the identity at 1 is q itself (q.w is never negative, so no sign flip), so
+      // the common full-weight case skips the slerp's trigonometry.
+      if (t != 1.0) {
+        Result<Quaternion> blended = QuaternionBlend(Quaternion(), q, t);
+        if (!blended) return {Matrix(), std::move(blended).error()};
+        turn = blended.value();
+      }
+      RotationRows rows = QuaternionToRotationRows(turn);
       if (weight < 0.0) rows = InvertRotationRows(rows);
       // Each axis turns about its own origin; the offset stays.
       p.v1 = RotateByRows(rows, p.v1);
@@ -124,19 +202,32 @@ class CharacterSolverImpl final : public CharacterSolver {
       const CharacterBodyPartRef& bodyPart,
       const CharacterSolverConfigurationRef& solverConfig) const noexcept override {
     TARNI_CHECK_ARGUMENT(bodyPart && solverConfig);
-    const CharacterBodyPartSolverSettingRef setting =
-        solverConfig->GetBodyPartSetting(bodyPart->GetIdentifier());
-    Float64 weight = 1.0;
-    if (setting) {
-      weight = setting->GetBodyPartWeight();
-      if (setting->GetSettingValue(BodyPartSolverSettingFlag::NOPARENTWEIGHT)) return weight;
+    // The recursion up the parents, unrolled into a loop for the usual depths: each body part's
+    // weight times its parent's cumulated weight, ending at the root or after a NOPARENTWEIGHT
+    // setting. The products are taken in the recursion's order, innermost first.
+    Float64 weights[kMaxUnrolledDepth];
+    Int depth = 0;
+    Float64 product = 1.0;
+    for (const CharacterBodyPart* part = bodyPart.Get(); part != nullptr;) {
+      if (depth == kMaxUnrolledDepth) {
+        const CharacterBodyPartRef rest(const_cast<CharacterBodyPart*>(part));
+        product = TARNI_TRY(GetCumulatedWeight(rest, solverConfig));
+        break;
+      }
+      const CharacterBodyPartSolverSettingRef setting =
+          solverConfig->GetBodyPartSetting(part->GetIdentifier());
+      Float64 weight = 1.0;
+      bool last = false;
+      if (setting) {
+        weight = setting->GetBodyPartWeight();
+        last = setting->GetSettingValue(BodyPartSolverSettingFlag::NOPARENTWEIGHT);
+      }
+      weights[depth++] = weight;
+      const HierarchyObject* parent = last ? nullptr : part->GetParent();
+      part = parent ? Cast<CharacterBodyPart>(static_cast<const Object*>(parent)) : nullptr;
     }
-    HierarchyObject* parent = bodyPart->GetParent();
-    const CharacterBodyPartRef parentPart(
-        parent ? Cast<CharacterBodyPart>(static_cast<Object*>(parent)) : nullptr);
-    if (!parentPart) return weight;
-    const Float64 parentWeight = TARNI_TRY(GetCumulatedWeight(parentPart, solverConfig));
-    return weight * parentWeight;
+    while (depth > 0) product = weights[--depth] * product;
+    return product;
   }
 
   // Stateless: nothing to copy or describe.

@@ -145,7 +145,8 @@ TEST(CharacterSolverConfiguration, DumpLinesAndTheUnknownModeEnding) {
     // An unknown mode ends the text with the global weight's line.
     config->SetSolvingMode(SolvingMode{5});
     config->SetGlobalWeight(-1.0);
-    const std::string_view text = config->ToString().GetView();
+    const String dump = config->ToString();
+    const std::string_view text = dump.GetView();
     const std::string_view ending = "}\n_globalWeight : -1\n";
     ASSERT_GE(text.size(), ending.size());
     EXPECT_EQ(text.substr(text.size() - ending.size()), ending);

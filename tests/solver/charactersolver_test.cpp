@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "character/modelfault.h"
@@ -172,6 +173,39 @@ TEST(CharacterSolver, DeltaTakesTheSourceParentsMotionOut) {
     EXPECT_TRUE(MatrixNear(DeltaOf(deltas.value(), 0), Matrix{}));
     EXPECT_TRUE(MatrixNear(DeltaOf(deltas.value(), 1), Matrix{}));
     EXPECT_EQ(deltas.value()->GetNodeTransformArray()[1]->GetParentGlobalMatrix(), Matrix{});
+  }
+}
+
+TEST(CharacterSolver, LargePosesKeepFirstMatchLookups) {
+  // 100 rest nodes (beyond what the lookup indexes in place), the last one repeating the Uuid of
+  // node 40; the source holds every node twice, the moved copy second.
+  const Matrix moved = Rotation(kAxis1, 1.2, {0, 1, 0});
+  std::vector<CharacterNodeTransformRef> restNodes, sourceNodes;
+  for (std::uint64_t k = 0; k < 100; ++k) {
+    const std::uint64_t low = k == 99 ? 40 : k;
+    restNodes.push_back(Node(low, Matrix{}));
+    sourceNodes.push_back(Node(low, Matrix{}));
+  }
+  for (std::uint64_t k = 0; k < 100; ++k) sourceNodes.push_back(Node(k, moved));
+  CharacterSolverConfigurationRef config = Config(Definition(Pose(restNodes)));
+  CharacterPoseRef source = Pose(sourceNodes);
+  CharacterSolverRef solver = Solver();
+  {
+    auto deltas = solver->ExtractGlobalDeltaPose(config, source);
+    ASSERT_TRUE(deltas);
+    ASSERT_EQ(deltas.value()->GetNodeTransformCount(), 100);
+    for (Int i = 0; i < 100; ++i) EXPECT_TRUE(MatrixNear(DeltaOf(deltas.value(), i), Matrix{}));
+  }
+  {
+    // Whatever allocation fails, a result that comes back is the same.
+    const int failures = testing::ForEachFailingAllocation(
+        [] {}, [&] { return solver->ExtractGlobalDeltaPose(config, source); },
+        [&](const Result<CharacterPoseRef>& result) {
+          if (!result) return;
+          for (Int i = 0; i < 100; ++i)
+            EXPECT_TRUE(MatrixNear(DeltaOf(result.value(), i), Matrix{}));
+        });
+    EXPECT_GT(failures, 0);
   }
 }
 
@@ -398,6 +432,20 @@ TEST(CharacterSolver, CumulatedWeightMultipliesUpToNoParentWeight) {
   EXPECT_DOUBLE_EQ(weightOf(b), 0.5);
   EXPECT_DOUBLE_EQ(weightOf(c), 0.5);
   EXPECT_DOUBLE_EQ(weightOf(d), 0.125);
+  {
+    // A deep chain: every level counts, in the recursion's order.
+    std::vector<CharacterBodyPartRef> chain{CreateBodyPart(Ident("level0"), "L"_s).value()};
+    CharacterSolverConfigurationRef deep = Config(nullptr);
+    for (int level = 1; level < 100; ++level) {
+      const std::string name = "level" + std::to_string(level);
+      chain.push_back(CreateBodyPart(Ident(name), "L"_s).value());
+      ASSERT_TRUE(chain[level - 1]->InsertChild(chain.back()));
+      ASSERT_TRUE(deep->SetBodyPartSetting(Setting(name, level % 2 ? 0.5 : 3.0)));
+    }
+    double expected = 1.0;
+    for (int level = 1; level < 100; ++level) expected = (level % 2 ? 0.5 : 3.0) * expected;
+    EXPECT_EQ(solver->GetCumulatedWeight(chain.back(), deep).value(), expected);
+  }
   {
     // Without any setting every body part counts 1.0; a detached body part stands alone.
     EXPECT_EQ(solver->GetCumulatedWeight(d, Config(nullptr)).value(), 1.0);
