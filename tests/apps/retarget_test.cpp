@@ -1,0 +1,463 @@
+// Retargeting through the module on real clips and generated skeletons, and the retarget job as a
+// user runs it.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "io/bvh.h"
+#include "motion/demogen.h"
+#include "motion/pose.h"
+#include "retarget/preset.h"
+#include "retarget/retargeter.h"
+
+namespace tarni::host {
+namespace {
+
+namespace fs = std::filesystem;
+using tarni::Matrix;
+using tarni::Vector;
+
+const char* const kWalk = "cmu/131_01_walk.bvh";
+const char* const kJumps = "cmu/01_01_jumps.bvh";
+const char* const kIdle = "reactidle/003_genuine_idle.bvh";
+
+fs::path DataPath(const char* name) { return fs::path(TARNI_TEST_DATA_DIR) / name; }
+
+bool LoadClip(const char* name, BvhMotion& motion) {
+  IoError error;
+  return fs::exists(DataPath(name)) && ReadBvh(DataPath(name), motion, error);
+}
+
+std::vector<Preset> Shipped() {
+  std::vector<Preset> presets;
+  IoError error;
+  EXPECT_TRUE(LoadShippedPresets(presets, error)) << error.ToText();
+  return presets;
+}
+
+const Preset& Pick(const BvhMotion& motion, const std::vector<Preset>& presets) {
+  return presets[static_cast<size_t>(std::max(0, PickPreset(motion, presets)))];
+}
+
+// The angle between two rotations, accurate near zero (where acos of the trace is not).
+double RotationGap(const Matrix& a, const Matrix& b) {
+  const Vector d[3] = {a.v1 - b.v1, a.v2 - b.v2, a.v3 - b.v3};
+  const double frobenius = std::sqrt(Dot(d[0], d[0]) + Dot(d[1], d[1]) + Dot(d[2], d[2]));
+  return 2 * std::asin(std::min(1.0, frobenius / (2 * std::sqrt(2.0))));
+}
+
+double DirectionGap(const Vector& a, const Vector& b) {
+  return std::atan2(Length(Cross(a, b)), Dot(a, b));
+}
+
+struct Retargeted {
+  Retargeter retargeter;
+  BvhMotion output;
+};
+
+void RunRetarget(const BvhMotion& source, const Preset& sourcePreset, const BvhMotion& target,
+                 const Preset& targetPreset, Retargeted& result,
+                 const RetargetOptions& options = {}) {
+  IoError error;
+  ASSERT_TRUE(result.retargeter.Setup(source, "source.bvh", sourcePreset, target, "target.bvh",
+                                      targetPreset, options, error))
+      << error.ToText();
+  ASSERT_TRUE(result.retargeter.Run(result.output, error)) << error.ToText();
+  ASSERT_EQ(result.output.frameCount, source.frameCount);
+  IoError check;
+  ASSERT_TRUE(CheckBvh(result.output, check)) << check.ToText();
+}
+
+// Worst gaps between a retargeted motion and its source, over every frame: global rotations of
+// driven joints, and the root's path against `expectedRoot`.
+struct Gaps {
+  double rotation = 0;
+  double root = 0;
+};
+
+Gaps MeasureGaps(const BvhMotion& source, const Retargeted& result, double ratio) {
+  const Character& from = result.retargeter.Source();
+  const Character& onto = result.retargeter.Target();
+  const std::vector<int>& sourceOf = result.retargeter.SourceOfTarget();
+  std::vector<Matrix> sl, sg, tl, tg;
+  Gaps gaps;
+  for (int64_t frame = 0; frame < source.frameCount; ++frame) {
+    ComputeFrame(source, frame, from.modes, sl, sg);
+    ComputeFrame(result.output, frame, onto.modes, tl, tg);
+    for (size_t j = 0; j < sourceOf.size(); ++j) {
+      if (sourceOf[j] < 0) continue;
+      gaps.rotation =
+          std::max(gaps.rotation, RotationGap(sg[static_cast<size_t>(sourceOf[j])], tg[j]));
+    }
+    // The root walks the source's path from its grounded rest, scaled by the height ratio.
+    const Vector expected = onto.restGlobals[0].off + (sg[0].off - from.restGlobals[0].off) * ratio;
+    gaps.root = std::max(gaps.root, Length(tg[0].off - expected));
+  }
+  return gaps;
+}
+
+TEST(Retarget, ClipOntoItselfReproducesItsMotion) {
+  const std::vector<Preset> presets = Shipped();
+  for (const char* name : {kWalk, kJumps, kIdle}) {
+    BvhMotion clip;
+    if (!LoadClip(name, clip)) GTEST_SKIP() << DataPath(name) << " is not available";
+    SCOPED_TRACE(name);
+    const Preset& preset = Pick(clip, presets);
+    Retargeted result;
+    RunRetarget(clip, preset, clip, preset, result);
+    EXPECT_DOUBLE_EQ(result.retargeter.HeightRatio(), 1.0);
+    EXPECT_GE(result.retargeter.MappedJointCount(), 17);
+    const Gaps gaps = MeasureGaps(clip, result, 1.0);
+    // The solver turns each delta into a quaternion through square roots of 1 +- the axes'
+    // diagonal, so a component near zero carries about sqrt(epsilon) of error: measured worst
+    // 1.7e-8 rad on the idle clip, below 1e-9 on the other two.
+    EXPECT_LT(gaps.rotation, 1e-7);
+    EXPECT_LT(gaps.root, 1e-9 * result.retargeter.Source().hipHeight);
+  }
+}
+
+// A copy of `clip` under the other naming convention, with legs `legScale` and everything else
+// `bodyScale` as long.
+BvhMotion RenamedCopy(const BvhMotion& clip, const std::map<std::string, std::string>& names,
+                      double legScale, double bodyScale) {
+  BvhMotion copy = clip;
+  for (BvhJoint& joint : copy.joints) {
+    const bool leg = joint.name.find("Hip") != std::string::npos ||
+                     joint.name.find("Knee") != std::string::npos ||
+                     joint.name.find("Ankle") != std::string::npos;
+    for (double& o : joint.offset) o *= leg ? legScale : bodyScale;
+    for (double& o : joint.endSite) o *= bodyScale;
+    if (auto it = names.find(joint.name); it != names.end()) joint.name = it->second;
+  }
+  return copy;
+}
+
+TEST(Retarget, RenamedResizedCopyKeepsRotationsAndScalesThePath) {
+  BvhMotion walk;
+  if (!LoadClip(kWalk, walk)) GTEST_SKIP() << DataPath(kWalk) << " is not available";
+  const std::vector<Preset> presets = Shipped();
+  std::map<std::string, std::string> names;
+  for (const char* side : {"Left", "Right"}) {
+    const std::string s(side);
+    names[s + "Hip"] = s + "UpLeg";
+    names[s + "Knee"] = s + "Leg";
+    names[s + "Ankle"] = s + "Foot";
+    names[s + "Toe"] = s + "ToeBase";
+    names[s + "Collar"] = s + "Shoulder";
+    names[s + "Shoulder"] = s + "Arm";
+    names[s + "Elbow"] = s + "ForeArm";
+    names[s + "Wrist"] = s + "Hand";
+  }
+  names["lowerback"] = "Spine";
+  names["Chest"] = "Spine1";
+  names["Chest2"] = "Spine2";
+  const BvhMotion copy = RenamedCopy(walk, names, 1.3, 0.8);
+  // The copy is mapped by another preset than the original.
+  const Preset& walkPreset = Pick(walk, presets);
+  const Preset& copyPreset = Pick(copy, presets);
+  EXPECT_EQ(walkPreset.name, "humanoid-joints");
+  EXPECT_EQ(copyPreset.name, "humanoid-uplegs");
+
+  Retargeted result;
+  RunRetarget(walk, walkPreset, copy, copyPreset, result);
+  const double ratio = result.retargeter.Target().hipHeight / result.retargeter.Source().hipHeight;
+  EXPECT_GT(ratio, 1.05);  // longer legs: a higher hip
+  EXPECT_DOUBLE_EQ(result.retargeter.HeightRatio(), ratio);
+  const Gaps gaps = MeasureGaps(walk, result, ratio);
+  EXPECT_LT(gaps.rotation, 1e-7);
+  EXPECT_LT(gaps.root, 1e-9 * result.retargeter.Target().hipHeight);
+}
+
+// The worst angle, over every frame, between a driven target bone and its source bone, for bones
+// that join a joint to its direct child on both sides. The root's bones are left out: one swing
+// cannot lay a pelvis onto another whose hip joints sit wider apart, so the root keeps its facing.
+double WorstLimbDirectionGap(const BvhMotion& source, const Retargeted& result, int* bones) {
+  const BvhMotion& target = result.output;
+  const std::vector<int>& sourceOf = result.retargeter.SourceOfTarget();
+  std::vector<std::pair<int, int>> limbs;
+  for (size_t c = 0; c < target.joints.size(); ++c) {
+    const int j = target.joints[c].parent;
+    if (j <= 0 || sourceOf[c] < 0 || sourceOf[static_cast<size_t>(j)] < 0) continue;
+    if (source.joints[static_cast<size_t>(sourceOf[c])].parent != sourceOf[static_cast<size_t>(j)])
+      continue;
+    limbs.emplace_back(j, static_cast<int>(c));
+  }
+  *bones = static_cast<int>(limbs.size());
+  std::vector<Matrix> sl, sg, tl, tg;
+  double worst = 0;
+  for (int64_t frame = 0; frame < source.frameCount; ++frame) {
+    ComputeFrame(source, frame, result.retargeter.Source().modes, sl, sg);
+    ComputeFrame(target, frame, result.retargeter.Target().modes, tl, tg);
+    for (const auto& [j, c] : limbs) {
+      const Vector t = tg[static_cast<size_t>(c)].off - tg[static_cast<size_t>(j)].off;
+      const Vector s = sg[static_cast<size_t>(sourceOf[static_cast<size_t>(c)])].off -
+                       sg[static_cast<size_t>(sourceOf[static_cast<size_t>(j)])].off;
+      worst = std::max(worst, DirectionGap(t, s));
+    }
+  }
+  return worst;
+}
+
+TEST(Retarget, AlignedRestKeepsWorldLimbDirectionsAcrossSkeletons) {
+  BvhMotion walk, jumps, idle;
+  if (!LoadClip(kWalk, walk) || !LoadClip(kJumps, jumps) || !LoadClip(kIdle, idle))
+    GTEST_SKIP() << TARNI_TEST_DATA_DIR << " is not available";
+  const std::vector<Preset> presets = Shipped();
+  EXPECT_EQ(Pick(idle, presets).name, "humanoid-rig");
+  EXPECT_EQ(Pick(jumps, presets).name, "humanoid-uplegs");
+  // Arms down (the walk) and arms level (the jumps) onto the idle skeleton, and back. Measured
+  // worst gaps stay below 1e-12 rad; 1e-9 leaves room for other compilers.
+  const std::pair<const BvhMotion*, const BvhMotion*> pairs[] = {
+      {&walk, &idle}, {&jumps, &idle}, {&idle, &walk}, {&idle, &jumps}};
+  for (const auto& [source, target] : pairs) {
+    Retargeted result;
+    RunRetarget(*source, Pick(*source, presets), *target, Pick(*target, presets), result);
+    int bones = 0;
+    const double gap = WorstLimbDirectionGap(*source, result, &bones);
+    EXPECT_GE(bones, 8);  // upper arms, forearms, thighs and shins at least
+    EXPECT_LT(gap, 1e-9) << source->joints[1].name << " onto " << target->joints[1].name;
+  }
+  // Without alignment the walk's hanging arms are laid onto a rest that holds them differently:
+  // the directions part.
+  {
+    Retargeted result;
+    RetargetOptions options;
+    options.alignRest = false;
+    RunRetarget(walk, Pick(walk, presets), idle, Pick(idle, presets), result, options);
+    int bones = 0;
+    EXPECT_GT(WorstLimbDirectionGap(walk, result, &bones), 0.1);
+  }
+}
+
+TEST(Retarget, GeneratedWalkOntoTheOtherSkeletonDrivesEveryJoint) {
+  const BvhMotion walk = MakeWalkingHumanoid();
+  const BvhMotion target = MakeTargetSkeleton();
+  const std::vector<Preset> presets = Shipped();
+  Retargeted result;
+  RunRetarget(walk, Pick(walk, presets), target, Pick(target, presets), result);
+  EXPECT_EQ(result.retargeter.MappedJointCount(), static_cast<int>(target.joints.size()));
+  int bones = 0;
+  EXPECT_LT(WorstLimbDirectionGap(walk, result, &bones), 1e-9);
+  // The taller target takes longer strides: its root travels the ratio farther.
+  std::vector<Matrix> l, g;
+  ComputeFrame(result.output, result.output.frameCount - 1, result.retargeter.Target().modes, l, g);
+  std::vector<Matrix> sl, sg;
+  ComputeFrame(walk, walk.frameCount - 1, result.retargeter.Source().modes, sl, sg);
+  EXPECT_NEAR(g[0].off.z / sg[0].off.z, result.retargeter.HeightRatio(), 1e-9);
+}
+
+TEST(Retarget, WeightsAndSwitchedOffBodyPartsHoldTheRest) {
+  const BvhMotion walk = MakeWalkingHumanoid();
+  const BvhMotion target = MakeTargetSkeleton();
+  const std::vector<Preset> presets = Shipped();
+  Preset targetPreset = Pick(target, presets);
+  for (PresetBodyPart& part : targetPreset.parts) {
+    if (part.id == "leftUpperArm") part.deactivate = true;
+  }
+  // A switched-off body part keeps its aligned rest rotation in every frame; its mirror moves.
+  {
+    Retargeted result;
+    RunRetarget(walk, Pick(walk, presets), target, targetPreset, result);
+    const size_t left = static_cast<size_t>(target.FindJoint("upperarm_l"));
+    const size_t right = static_cast<size_t>(target.FindJoint("upperarm_r"));
+    std::vector<Matrix> first, middle;
+    IoError error;
+    ASSERT_TRUE(result.retargeter.SolveFrame(0, first, error)) << error.ToText();
+    // A quarter cycle on (half the clip is one whole cycle, the same pose).
+    ASSERT_TRUE(result.retargeter.SolveFrame(walk.frameCount / 8, middle, error));
+    EXPECT_EQ(first[left], middle[left]);
+    EXPECT_GT(RotationGap(first[right], middle[right]), 1e-3);
+  }
+  // Global weight 0: every driven joint holds its aligned rest, so frames are all alike.
+  {
+    Retargeted result;
+    RetargetOptions options;
+    options.weight = 0;
+    RunRetarget(walk, Pick(walk, presets), target, Pick(target, presets), result, options);
+    const int c = result.output.channelCount;
+    for (int64_t frame = 1; frame < result.output.frameCount; ++frame) {
+      for (int k = 0; k < c; ++k)
+        ASSERT_NEAR(result.output.Value(frame, k), result.output.Value(0, k), 1e-9) << k;
+    }
+  }
+}
+
+// The job as a user runs it: exit status, messages, and never a partial output.
+class RetargetJob : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    static int counter = 0;
+    _dir = fs::temp_directory_path() /
+           ("tarni_retarget_" + std::to_string(::getpid()) + "_" + std::to_string(++counter));
+    fs::create_directories(_dir);
+    IoError error;
+    ASSERT_TRUE(WriteBvh(_dir / "walk.bvh", MakeWalkingHumanoid(), error)) << error.ToText();
+    ASSERT_TRUE(WriteBvh(_dir / "target.bvh", MakeTargetSkeleton(), error)) << error.ToText();
+  }
+  void TearDown() override { fs::remove_all(_dir); }
+
+  std::string PathOf(const std::string& name) const { return (_dir / name).string(); }
+  struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+  };
+  Result Tarni(const std::string& arguments) const {
+    const std::string command = std::string("'") + TARNI_CA_EXE + "' " + arguments + " >'" +
+                                PathOf("stdout.txt") + "' 2>'" + PathOf("stderr.txt") + "'";
+    const int raw = std::system(command.c_str());
+    Result run;
+    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    run.out = ReadText(PathOf("stdout.txt"));
+    run.err = ReadText(PathOf("stderr.txt"));
+    fs::remove(PathOf("stdout.txt"));
+    fs::remove(PathOf("stderr.txt"));
+    return run;
+  }
+  static std::string ReadText(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+  void WriteText(const std::string& name, const std::string& text) const {
+    std::ofstream(PathOf(name)) << text;
+  }
+  std::string WalkText() const { return ReadText(PathOf("walk.bvh")); }
+
+  fs::path _dir;
+};
+
+TEST_F(RetargetJob, WritesTheTargetSkeletonWithTheMotionAndItsReducedCurves) {
+  const Result run = Tarni("retarget '" + PathOf("walk.bvh") + "' --target '" +
+                           PathOf("target.bvh") + "' -o '" + PathOf("out.bvh") + "' --reduce 0.3");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "");  // quiet when standard error is not a terminal
+  BvhMotion output, target, walk;
+  IoError error;
+  ASSERT_TRUE(ReadBvh(fs::path(PathOf("out.bvh")), output, error)) << error.ToText();
+  ASSERT_TRUE(ReadBvh(fs::path(PathOf("target.bvh")), target, error));
+  ASSERT_TRUE(ReadBvh(fs::path(PathOf("walk.bvh")), walk, error));
+  ASSERT_EQ(output.joints.size(), target.joints.size());
+  for (size_t j = 0; j < target.joints.size(); ++j) {
+    EXPECT_EQ(output.joints[j].name, target.joints[j].name);
+    EXPECT_EQ(output.joints[j].channels, target.joints[j].channels);
+    EXPECT_EQ(output.joints[j].offset[1], target.joints[j].offset[1]);
+  }
+  EXPECT_EQ(output.frameCount, walk.frameCount);
+  EXPECT_TRUE(fs::exists(PathOf("out.curves.json")));
+  // Reading, writing and reading again gives the same values.
+  BvhMotion again;
+  ASSERT_TRUE(ReadBvh(WriteBvh(output), "again.bvh", again, error)) << error.ToText();
+  EXPECT_EQ(again.values, output.values);
+  EXPECT_EQ(WriteBvh(again), WriteBvh(output));
+}
+
+TEST_F(RetargetJob, BadInputGivesOneMessageStatusTwoAndNoOutput) {
+  const std::string target =
+      " --target '" + PathOf("target.bvh") + "' -o '" + PathOf("out.bvh") + "'";
+  // A preset naming a joint the skeleton lacks.
+  {
+    WriteText("preset.json", R"({"name": "mine", "root": {"id": "hips", "joints": ["Pelvis"]}})");
+    const Result run = Tarni("retarget '" + PathOf("walk.bvh") + "'" + target + " --preset '" +
+                             PathOf("preset.json") + "'");
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "tarni-ca: " + PathOf("target.bvh") +
+                           ": preset mine: body part 'hips' names joint 'Pelvis', which the "
+                           "skeleton does not have\n");
+  }
+  // A number that is not one.
+  {
+    std::string text = WalkText();
+    const size_t motion = text.find("Frame Time:");
+    const size_t row = text.find('\n', motion) + 1;
+    text.replace(row, text.find(' ', row) - row, "nan");
+    WriteText("nan.bvh", text);
+    const Result run = Tarni("retarget '" + PathOf("nan.bvh") + "'" + target);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find(PathOf("nan.bvh") + ":"), std::string::npos) << run.err;
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+  }
+  // A file cut short.
+  {
+    const std::string text = WalkText();
+    WriteText("cut.bvh", text.substr(0, text.size() / 2));
+    const Result run = Tarni("retarget '" + PathOf("cut.bvh") + "'" + target);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find(PathOf("cut.bvh") + ":"), std::string::npos) << run.err;
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+  }
+  // A preset that is not one.
+  {
+    WriteText("typo.json", R"({"name": "typo", "root": {"id": "hips", "keyword": ["x"]}})");
+    const Result run = Tarni("retarget '" + PathOf("walk.bvh") + "'" + target + " --preset '" +
+                             PathOf("typo.json") + "'");
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "tarni-ca: " + PathOf("typo.json") + ": unknown key root.keyword\n");
+  }
+  EXPECT_FALSE(fs::exists(PathOf("out.bvh")));
+  for (const auto& entry : fs::directory_iterator(_dir))
+    EXPECT_EQ(entry.path().filename().string().find(".tmp"), std::string::npos) << entry.path();
+}
+
+TEST_F(RetargetJob, BatchFinishesTheGoodFilesAfterABadOne) {
+  fs::copy_file(PathOf("walk.bvh"), PathOf("second.bvh"));
+  WriteText("broken.bvh", "HIERARCHY\nROOT Hips\n{\n");
+  const Result run = Tarni("retarget '" + PathOf("walk.bvh") + "' '" + PathOf("broken.bvh") +
+                           "' '" + PathOf("second.bvh") + "' --target '" + PathOf("target.bvh") +
+                           "' -o '" + PathOf("batch") + "' -j 2");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.err.rfind("tarni-ca: " + PathOf("broken.bvh") + ":", 0), 0u) << run.err;
+  EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+  EXPECT_TRUE(fs::exists(PathOf("batch/walk.bvh")));
+  EXPECT_TRUE(fs::exists(PathOf("batch/second.bvh")));
+  EXPECT_FALSE(fs::exists(PathOf("batch/broken.bvh")));
+  EXPECT_EQ(ReadText(PathOf("batch/walk.bvh")), ReadText(PathOf("batch/second.bvh")));
+}
+
+TEST(RetargetPreset, TurnsDownMalformedPresetsNamingThePlace) {
+  Preset preset;
+  IoError error;
+  // Each malformed preset is named by file and by the path to the offending value.
+  const std::pair<const char*, const char*> cases[] = {
+      {R"({"root": {"name": "x"}})", "p.json: root has no \"id\""},
+      {R"({"root": {"id": "a", "children": [{"id": "a"}]}})",
+       "p.json: root.children[0]: the identifier 'a' is used twice"},
+      {R"({"root": {"id": "a", "weight": "1"}})", "p.json: root.weight must be a number"},
+      {R"({"root": {"id": "a", "keywords": "hip"}})",
+       "p.json: root.keywords must be an array of strings"},
+      {R"({"name": "x"})", "p.json: a preset needs a \"root\" body part"},
+      {R"({"root": )", "p.json: not valid JSON"},
+  };
+  for (const auto& [text, message] : cases) {
+    EXPECT_FALSE(ParsePreset(text, "p.json", preset, error)) << text;
+    EXPECT_EQ(error.ToText(), message);
+  }
+  // A good one keeps order (parents first), defaults and settings.
+  ASSERT_TRUE(ParsePreset(
+      R"({"root": {"id": "hips", "position": true, "children": [{"id": "spine", "weight": 0.5,
+          "keywords": ["spine", "lower&&back"], "discard": ["end"], "deactivate": true}]}})",
+      "dir/p.json", preset, error))
+      << error.ToText();
+  EXPECT_EQ(preset.name, "p");
+  ASSERT_EQ(preset.parts.size(), 2u);
+  EXPECT_TRUE(preset.parts[0].position);
+  EXPECT_EQ(preset.parts[1].parent, 0);
+  EXPECT_EQ(preset.parts[1].name, "spine");
+  EXPECT_EQ(preset.parts[1].keywords, (std::vector<std::string>{"spine", "lower&&back"}));
+  EXPECT_TRUE(preset.parts[1].deactivate);
+  EXPECT_FALSE(preset.parts[1].position);
+}
+
+}  // namespace
+}  // namespace tarni::host
