@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "character/modelfault.h"
+#include "tarni/charactersolver.h"
 #include "tarni/retargetbasehelper.h"
 
 namespace tarni {
@@ -281,6 +282,46 @@ TEST(RetargetBaseHelper, FillingOutOfMemoryIsReported) {
       [](const Result<void>& result) { EXPECT_TRUE(result.error().Is(ErrorKind::kOutOfMemory)); });
   EXPECT_GT(failures, 0);
   EXPECT_EQ(Lows(part->GetSkeleton()), (std::vector<std::uint64_t>{4, 5, 7}));
+}
+
+TEST(RetargetBaseHelper, SetUpClassesAreRegisteredInUnitOrder) {
+  // The five set-up and solver classes: id, implementation name and unit, in the module's order.
+  struct Row {
+    Id classId;
+    Id interfaceId;
+    std::string_view implementation;
+    std::string_view unit;
+  };
+  const Row rows[] = {
+      {CharacterAssociation::kClassId, CharacterAssociation::kInterfaceId,
+       "CharacterAssociationImpl", "characterassociation_impl"},
+      {RetargetBaseHelper::kClassId, RetargetBaseHelper::kInterfaceId, "RetargetBaseHelperImpl",
+       "retargetbasehelper_impl"},
+      {CharacterBodyPartSolverSetting::kClassId, CharacterBodyPartSolverSetting::kInterfaceId,
+       "CharacterBodyPartSolverSettingImpl", "characterbodypartsolversetting_impl"},
+      {CharacterSolverConfiguration::kClassId, CharacterSolverConfiguration::kInterfaceId,
+       "CharacterSolverConfigurationImpl", "charactersolverconfiguration_impl"},
+      {CharacterSolver::kClassId, CharacterSolver::kInterfaceId, "CharacterSolverImpl",
+       "charactersolver_impl"},
+  };
+  BaseArray<const ClassInfo*> classes = ListClasses().value();
+  Int previous = -1;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.implementation);
+    const ClassInfo* info = FindClass(row.classId);
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(info->GetImplementationName(), row.implementation);
+    EXPECT_EQ(std::string_view(info->GetRecord().unit), row.unit);
+    ASSERT_EQ(info->GetRecord().interfaces.size(), 1u);
+    EXPECT_EQ(info->GetRecord().interfaces[0], row.interfaceId);
+    auto object = info->Create();
+    ASSERT_TRUE(object);
+    EXPECT_NE(object.value()->QueryInterface(row.interfaceId), nullptr);
+    Int position = 0;
+    while (position < classes.GetCount() && classes[position] != info) ++position;
+    EXPECT_GT(position, previous);
+    previous = position;
+  }
 }
 
 }  // namespace
