@@ -21,6 +21,7 @@
 #include "retarget/keyreduction.h"
 #include "retarget/preset.h"
 #include "retarget/retargeter.h"
+#include "retarget/setupfile.h"
 
 namespace tarni::host {
 namespace {
@@ -48,6 +49,11 @@ constexpr std::string_view kRetargetUsage =
     "                         values replace the offset) or relative (added to the offset)\n"
     "  --reduce STRENGTH      also key-reduce the output with the Bezier fitter and write the\n"
     "                         curves as JSON next to each BVH file (OUT.curves.json)\n"
+    "  --save-setup FILE      write the whole solver set-up (both characters with skeleton\n"
+    "                         trees, body parts and rest poses, the association, the settings)\n"
+    "                         as JSON; with several sources, that of the first\n"
+    "  --setup FILE           use a set-up written by --save-setup (and perhaps tuned) instead\n"
+    "                         of presets; joints are matched to its skeletons by name\n"
     "  -j N                   threads for several sources (default: all cores)\n"
     "  -h, --help             this text\n";
 
@@ -58,6 +64,8 @@ struct Options {
   std::string preset;
   RetargetOptions retarget;
   std::optional<float> reduce;
+  std::string setup;
+  std::string saveSetup;
   int threads = 0;
 };
 
@@ -123,6 +131,12 @@ int ParseOptions(int argc, char** argv, Options& options) {
       if (!value(text) || !ParseNumber(text, strength) || !std::isfinite(strength) || strength < 0)
         return UsageError("--reduce needs a strength of 0 or more");
       options.reduce = strength;
+    } else if (arg == "--setup") {
+      if (!value(text)) return UsageError("--setup needs a .json file");
+      options.setup = text;
+    } else if (arg == "--save-setup") {
+      if (!value(text)) return UsageError("--save-setup needs a .json file");
+      options.saveSetup = text;
     } else if (arg == "-j" || arg == "--jobs") {
       if (!value(text) || !ParseNumber(text, options.threads) || options.threads < 1)
         return UsageError("-j needs a number of threads, 1 or more");
@@ -135,6 +149,8 @@ int ParseOptions(int argc, char** argv, Options& options) {
   if (options.sources.empty()) return UsageError("no source file");
   if (options.target.empty()) return UsageError("no target skeleton (--target TARGET.bvh)");
   if (options.output.empty()) return UsageError("no output (-o OUT)");
+  if (!options.setup.empty() && !options.preset.empty())
+    return UsageError("--setup and --preset exclude each other");
   return -1;
 }
 
@@ -164,7 +180,8 @@ std::filesystem::path CurvesPathFor(const std::filesystem::path& bvh) {
 
 Outcome RetargetOne(const std::string& sourcePath, const std::filesystem::path& outputPath,
                     const BvhMotion& target, const std::string& targetPath,
-                    const Preset& targetPreset, const PresetChoice& presets,
+                    const Preset* targetPreset, const PresetChoice& presets,
+                    const tarni::CharacterSolverConfigurationRef& setup, bool saveSetup,
                     const Options& options) {
   Outcome outcome;
   IoError error;
@@ -174,8 +191,17 @@ Outcome RetargetOne(const std::string& sourcePath, const std::filesystem::path& 
     return outcome;
   }
   Retargeter retargeter;
-  if (!retargeter.Setup(source, sourcePath, presets.For(source), target, targetPath, targetPreset,
-                        options.retarget, error)) {
+  const bool ready = setup ? retargeter.SetupFromConfiguration(setup, source, sourcePath, target,
+                                                               targetPath, options.retarget, error)
+                           : retargeter.Setup(source, sourcePath, presets.For(source), target,
+                                              targetPath, *targetPreset, options.retarget, error);
+  if (!ready) {
+    outcome.message = error.ToText();
+    return outcome;
+  }
+  if (saveSetup &&
+      !WriteSetup(std::filesystem::path(options.saveSetup), retargeter.Configuration(), error)) {
+    outcome.badInput = false;
     outcome.message = error.ToText();
     return outcome;
   }
@@ -229,7 +255,13 @@ int RunRetarget(int argc, char** argv) {
     return kExitBadInput;
   }
   PresetChoice presets;
-  if (!options.preset.empty()) {
+  tarni::CharacterSolverConfigurationRef setup;
+  if (!options.setup.empty()) {
+    if (!ReadSetup(std::filesystem::path(options.setup), setup, error)) {
+      PrintError(error.ToText());
+      return kExitBadInput;
+    }
+  } else if (!options.preset.empty()) {
     Preset preset;
     if (!FindPreset(options.preset, preset, error)) {
       PrintError(error.ToText());
@@ -241,8 +273,8 @@ int RunRetarget(int argc, char** argv) {
     PrintError(error.ToText());
     return kExitBadInput;
   }
-  const Preset& targetPreset = presets.For(target);
-  if (!CheckPresetJoints(targetPreset, target, options.target, error)) {
+  const Preset* targetPreset = setup ? nullptr : &presets.For(target);
+  if (targetPreset != nullptr && !CheckPresetJoints(*targetPreset, target, options.target, error)) {
     PrintError(error.ToText());
     return kExitBadInput;
   }
@@ -271,8 +303,9 @@ int RunRetarget(int argc, char** argv) {
   const bool showProgress = total > 1 && ::isatty(STDERR_FILENO) != 0;
   auto work = [&]() {
     for (size_t i = next++; i < total; i = next++) {
-      outcomes[i] = RetargetOne(options.sources[i], outputs[i], target, options.target,
-                                targetPreset, presets, options);
+      outcomes[i] =
+          RetargetOne(options.sources[i], outputs[i], target, options.target, targetPreset, presets,
+                      setup, i == 0 && !options.saveSetup.empty(), options);
       const size_t finished = ++done;
       if (showProgress) {
         std::lock_guard<std::mutex> lock(progressLock);

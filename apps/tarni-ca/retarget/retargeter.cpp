@@ -124,16 +124,17 @@ tarni::Result<tarni::CharacterBodyPartRef> BuildBodyParts(const Preset& preset) 
   return parts.front();
 }
 
-bool BuildCharacter(const BvhMotion& motion, std::string_view fileName, const Preset& preset,
-                    int64_t restFrame, PositionChoice positions, Character& character,
-                    IoError& error) {
+namespace {
+
+// The host's side of a character: position modes, and the rest pose standing on the ground.
+bool PrepareRest(const BvhMotion& motion, std::string_view fileName, int64_t restFrame,
+                 PositionChoice positions, Character& character, IoError& error) {
   character = Character();
   character.motion = &motion;
   if (motion.joints.empty()) {
     error = {std::string(fileName), 0, "the skeleton has no joints"};
     return false;
   }
-  if (!CheckPresetJoints(preset, motion, fileName, error)) return false;
   const size_t count = motion.joints.size();
   switch (positions) {
     case PositionChoice::kAuto:
@@ -171,6 +172,17 @@ bool BuildCharacter(const BvhMotion& motion, std::string_view fileName, const Pr
   ComputeGlobals(motion, character.restLocals, character.restGlobals);
   character.hipHeight = character.restGlobals[0].off.y;
 
+  return true;
+}
+
+}  // namespace
+
+bool BuildCharacter(const BvhMotion& motion, std::string_view fileName, const Preset& preset,
+                    int64_t restFrame, PositionChoice positions, Character& character,
+                    IoError& error) {
+  if (!PrepareRest(motion, fileName, restFrame, positions, character, error)) return false;
+  if (!CheckPresetJoints(preset, motion, fileName, error)) return false;
+  const size_t count = motion.joints.size();
   auto built = [&]() -> tarni::Result<void> {
     std::vector<tarni::CharacterTreeRef> nodes;
     tarni::BaseArray<tarni::CharacterNodeTransformRef> restNodes;
@@ -325,6 +337,7 @@ bool Retargeter::Setup(const BvhMotion& source, std::string_view sourceName,
                        const RetargetOptions& options, IoError& error) {
   _sourceName = sourceName;
   _options = options;
+  _restPoseSources.clear();
   if (!std::isfinite(options.weight)) {
     error = {"", 0, "the weight must be a finite number"};
     return false;
@@ -335,7 +348,6 @@ bool Retargeter::Setup(const BvhMotion& source, std::string_view sourceName,
   if (!BuildCharacter(target, targetName, targetPreset, -1, options.positions, _target, error))
     return false;
   const size_t targetCount = target.joints.size();
-  const size_t sourceCount = source.joints.size();
 
   auto created = [&]() -> tarni::Result<void> {
     _helper = TARNI_TRY(
@@ -348,39 +360,7 @@ bool Retargeter::Setup(const BvhMotion& source, std::string_view sourceName,
   }();
   if (!created) return Fail(error, created.error(), "cannot associate the characters");
 
-  // Which source joint drives each target joint, through the association's node table.
-  _sourceOf.assign(targetCount, -1);
-  std::vector<bool> driving(sourceCount, false);
-  for (size_t j = 0; j < targetCount; ++j) {
-    auto partner = _association->GetAssociatedUuid(_target.uuids[j]);
-    if (!partner) continue;
-    for (size_t s = 0; s < sourceCount; ++s) {
-      if (_source.uuids[s] == partner.value()) {
-        _sourceOf[j] = static_cast<int>(s);
-        driving[s] = true;
-        break;
-      }
-    }
-  }
-  // The source rest pose the configuration sees holds the associated joints only: renaming a
-  // pose stops at the first node without a partner.
-  std::vector<int> restIndexOf(sourceCount, -1);
-  _restPoseSources.clear();
-  for (size_t s = 0; s < sourceCount; ++s) {
-    if (!driving[s]) continue;
-    restIndexOf[s] = static_cast<int>(_restPoseSources.size());
-    _restPoseSources.push_back(static_cast<int>(s));
-  }
-  _deltaIndexOfTarget.assign(targetCount, -1);
-  for (size_t j = 0; j < targetCount; ++j) {
-    if (_sourceOf[j] >= 0) _deltaIndexOfTarget[j] = restIndexOf[static_cast<size_t>(_sourceOf[j])];
-  }
-  if (_restPoseSources.empty()) {
-    error = {std::string(sourceName), 0,
-             "no joint of the source pairs with a joint of " + std::string(targetName) +
-                 " (presets " + sourcePreset.name + " and " + targetPreset.name + ")"};
-    return false;
-  }
+  if (!LinkJoints(targetName, error)) return false;
   _ratio = _source.hipHeight > 1e-9 && _target.hipHeight > 1e-9
                ? _target.hipHeight / _source.hipHeight
                : 1.0;
@@ -401,15 +381,12 @@ bool Retargeter::Setup(const BvhMotion& source, std::string_view sourceName,
     TARNI_TRY(_source.definition->SetSkeletonRestPose(sourcePose));
 
     tarni::BaseArray<tarni::CharacterNodeTransformRef> targetRest;
-    _targetNodes.clear();
     for (size_t j = 0; j < targetCount; ++j) {
       const int parent = target.joints[j].parent;
       const Matrix parentGlobal =
           parent >= 0 ? _alignedGlobals[static_cast<size_t>(parent)] : Matrix();
       TARNI_TRY(targetRest.Append(TARNI_TRY(
           tarni::CreateNodeTransform(_target.uuids[j], _alignedGlobals[j], parentGlobal))));
-      _targetNodes.push_back(TARNI_TRY(
-          tarni::CreateNodeTransform(_target.uuids[j], _alignedGlobals[j], parentGlobal)));
     }
     tarni::CharacterPoseRef targetPose(
         TARNI_TRY(tarni::CreateObject<tarni::CharacterPose>(tarni::CharacterPose::kClassId)));
@@ -436,6 +413,198 @@ bool Retargeter::Setup(const BvhMotion& source, std::string_view sourceName,
                                spec.noParentWeight);
       TARNI_TRY(_config->SetBodyPartSetting(setting));
     }
+    return tarni::OK;
+  }();
+  if (!configured) return Fail(error, configured.error(), "cannot configure the solver");
+  return MakeSolverState(error);
+}
+
+namespace {
+
+// Every node of a hierarchy, parents first.
+template <typename I>
+void CollectHierarchy(const tarni::Ref<I>& root, std::vector<tarni::Ref<I>>& out) {
+  if (!root) return;
+  out.push_back(root);
+  for (tarni::Int c = 0; c < root->GetChildCount(); ++c)
+    CollectHierarchy(tarni::Cast<I>(root->GetChild(c)), out);
+}
+
+// A character of a stored set-up: the clip's joints take the Uuids of the tree nodes of the same
+// name (a joint the tree lacks gets a fresh one and is not driven); body parts come as stored.
+bool AdoptDefinition(const tarni::CharacterDefinitionRef& definition, const BvhMotion& motion,
+                     std::string_view fileName, int64_t restFrame, PositionChoice positions,
+                     Character& character, IoError& error) {
+  if (!PrepareRest(motion, fileName, restFrame, positions, character, error)) return false;
+  if (!definition || !definition->GetSkeletonTree()) {
+    error = {std::string(fileName), 0, "the set-up holds no skeleton for this character"};
+    return false;
+  }
+  std::vector<tarni::CharacterTreeRef> nodes;
+  CollectHierarchy(definition->GetSkeletonTree(), nodes);
+  for (const BvhJoint& joint : motion.joints) {
+    auto found = std::find_if(nodes.begin(), nodes.end(), [&](const tarni::CharacterTreeRef& node) {
+      return node->GetName() == std::string_view(joint.name);
+    });
+    if (found != nodes.end()) {
+      character.uuids.push_back((*found)->GetUuid());
+      continue;
+    }
+    auto fresh = tarni::Uuid::Generate();
+    if (!fresh) return ModuleFail(error, fileName, fresh.error(), "cannot name a joint");
+    character.uuids.push_back(fresh.value());
+  }
+  std::vector<tarni::CharacterBodyPartRef> parts;
+  CollectHierarchy(definition->GetBodyPartTree(), parts);
+  character.bodyPartOf.assign(motion.joints.size(), nullptr);
+  for (const tarni::CharacterBodyPartRef& part : parts) {
+    for (const tarni::Uuid& uuid : part->GetSkeleton()) {
+      for (size_t j = 0; j < motion.joints.size(); ++j) {
+        if (character.uuids[j] == uuid && !character.bodyPartOf[j]) character.bodyPartOf[j] = part;
+      }
+    }
+  }
+  character.definition = definition;
+  return true;
+}
+
+}  // namespace
+
+bool Retargeter::SetupFromConfiguration(const tarni::CharacterSolverConfigurationRef& config,
+                                        const BvhMotion& source, std::string_view sourceName,
+                                        const BvhMotion& target, std::string_view targetName,
+                                        const RetargetOptions& options, IoError& error) {
+  _sourceName = sourceName;
+  _options = options;
+  _restPoseSources.clear();
+  _config = config;
+  if (!config) {
+    error = {_sourceName, 0, "no solver set-up"};
+    return false;
+  }
+  if (auto valid = config->Validate(); !valid)
+    return Fail(error, valid.error(), "the solver set-up is not complete");
+  if (!AdoptDefinition(config->GetSourceCharacter(), source, sourceName, options.restFrame,
+                       options.positions, _source, error) ||
+      !AdoptDefinition(config->GetTargetCharacter(), target, targetName, -1, options.positions,
+                       _target, error))
+    return false;
+  auto created = [&]() -> tarni::Result<void> {
+    _helper = TARNI_TRY(
+        tarni::CreateObject<tarni::RetargetBaseHelper>(tarni::RetargetBaseHelper::kClassId));
+    _solver =
+        TARNI_TRY(tarni::CreateObject<tarni::CharacterSolver>(tarni::CharacterSolver::kClassId));
+    return tarni::OK;
+  }();
+  if (!created) return Fail(error, created.error(), "cannot create the solver");
+  _association = config->GetCharacterAssociation();
+  if (!_association) {
+    error = {_sourceName, 0, "the solver set-up holds no association"};
+    return false;
+  }
+  // The stored source rest pose decides which joints are solved, in its order.
+  const tarni::CharacterPoseRef& sourceRest = _source.definition->GetSkeletonRestPose();
+  if (!sourceRest) {
+    error = {_sourceName, 0, "the solver set-up holds no source rest pose"};
+    return false;
+  }
+  for (const tarni::CharacterNodeTransformRef& node : sourceRest->GetNodeTransformArray()) {
+    const auto at = node ? std::find(_source.uuids.begin(), _source.uuids.end(), node->GetUuid())
+                         : _source.uuids.end();
+    if (at == _source.uuids.end()) {
+      error = {_sourceName, 0,
+               "the set-up's source rest pose holds a joint this clip lacks" +
+                   (node ? " ('" + std::string(node->GetName().GetView()) + "')" : "")};
+      return false;
+    }
+    _restPoseSources.push_back(static_cast<int>(at - _source.uuids.begin()));
+  }
+  if (!LinkJoints(targetName, error)) return false;
+
+  // The stored target rest (aligned when it was made): its rotations, at this clip's offsets.
+  const size_t targetCount = target.joints.size();
+  const tarni::CharacterPoseRef& targetRest = _target.definition->GetSkeletonRestPose();
+  _alignedLocals = _target.restLocals;
+  _alignedGlobals.assign(targetCount, Matrix());
+  for (size_t j = 0; j < targetCount; ++j) {
+    const int parent = target.joints[j].parent;
+    const Matrix parentGlobal =
+        parent >= 0 ? _alignedGlobals[static_cast<size_t>(parent)] : Matrix();
+    tarni::CharacterNodeTransformRef node;
+    if (targetRest) {
+      auto found = targetRest->GetNodeTransformByID(_target.uuids[j]);
+      if (found) node = found.value();
+    }
+    if (node) {
+      Matrix local = Transposed(RotationOf(parentGlobal)) * RotationOf(node->GetGlobalMatrix());
+      local.off = parent >= 0 ? _target.restLocals[j].off : node->GetGlobalMatrix().off;
+      _alignedLocals[j] = local;
+    }
+    _alignedGlobals[j] = parentGlobal * _alignedLocals[j];
+  }
+  if (!MakeSolverState(error)) return false;
+  _ratio = 1.0;
+  if (_settingOf[0] && _settingOf[0]->IsTransformActive(tarni::TransformComponent::POSITION))
+    _ratio = _settingOf[0]->GetTransformWeight(tarni::TransformComponent::POSITION);
+  return true;
+}
+
+// Which source joint drives each target joint, through the association's node table, and where
+// its delta sits in the source rest pose.
+bool Retargeter::LinkJoints(std::string_view targetName, IoError& error) {
+  const size_t targetCount = _target.motion->joints.size();
+  const size_t sourceCount = _source.motion->joints.size();
+  const bool fromStoredPose = !_restPoseSources.empty();
+  // Which source joint drives each target joint, through the association's node table.
+  _sourceOf.assign(targetCount, -1);
+  std::vector<bool> driving(sourceCount, false);
+  for (size_t j = 0; j < targetCount; ++j) {
+    auto partner = _association->GetAssociatedUuid(_target.uuids[j]);
+    if (!partner) continue;
+    for (size_t s = 0; s < sourceCount; ++s) {
+      if (_source.uuids[s] == partner.value()) {
+        _sourceOf[j] = static_cast<int>(s);
+        driving[s] = true;
+        break;
+      }
+    }
+  }
+  // The source rest pose the configuration sees holds the associated joints only: renaming a
+  // pose stops at the first node without a partner.
+  std::vector<int> restIndexOf(sourceCount, -1);
+  if (!fromStoredPose) {
+    _restPoseSources.clear();
+    for (size_t s = 0; s < sourceCount; ++s) {
+      if (driving[s]) _restPoseSources.push_back(static_cast<int>(s));
+    }
+  }
+  for (size_t k = 0; k < _restPoseSources.size(); ++k)
+    restIndexOf[static_cast<size_t>(_restPoseSources[k])] = static_cast<int>(k);
+  _deltaIndexOfTarget.assign(targetCount, -1);
+  for (size_t j = 0; j < targetCount; ++j) {
+    if (_sourceOf[j] >= 0) _deltaIndexOfTarget[j] = restIndexOf[static_cast<size_t>(_sourceOf[j])];
+  }
+  if (_restPoseSources.empty()) {
+    error = {_sourceName, 0,
+             "no joint of the source pairs with a joint of " + std::string(targetName)};
+    return false;
+  }
+  return true;
+}
+
+// The working copies of the target's nodes, and each driven joint's setting and weight.
+bool Retargeter::MakeSolverState(IoError& error) {
+  const BvhMotion& target = *_target.motion;
+  const size_t targetCount = target.joints.size();
+  auto made = [&]() -> tarni::Result<void> {
+    _targetNodes.clear();
+    for (size_t j = 0; j < targetCount; ++j) {
+      const int parent = target.joints[j].parent;
+      const Matrix parentGlobal =
+          parent >= 0 ? _alignedGlobals[static_cast<size_t>(parent)] : Matrix();
+      _targetNodes.push_back(TARNI_TRY(
+          tarni::CreateNodeTransform(_target.uuids[j], _alignedGlobals[j], parentGlobal)));
+    }
     _settingOf.assign(targetCount, nullptr);
     _weightOf.assign(targetCount, 0.0);
     for (size_t j = 0; j < targetCount; ++j) {
@@ -446,11 +615,12 @@ bool Retargeter::Setup(const BvhMotion& source, std::string_view sourceName,
       if (!setting || setting->GetSettingValue(tarni::BodyPartSolverSettingFlag::DEACTIVATE))
         continue;  // a switched-off body part keeps its rest
       _settingOf[j] = setting;
-      _weightOf[j] = options.weight * TARNI_TRY(_solver->GetCumulatedWeight(part, _config));
+      _weightOf[j] =
+          _config->GetGlobalWeight() * TARNI_TRY(_solver->GetCumulatedWeight(part, _config));
     }
     return tarni::OK;
   }();
-  if (!configured) return Fail(error, configured.error(), "cannot configure the solver");
+  if (!made) return Fail(error, made.error(), "cannot prepare the solver");
   return true;
 }
 

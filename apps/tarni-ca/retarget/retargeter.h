@@ -77,6 +77,14 @@ class Retargeter {
              const BvhMotion& target, std::string_view targetName, const Preset& targetPreset,
              const RetargetOptions& options, IoError& error);
 
+  // As Setup, from a stored solver set-up (see setupfile.h) instead of presets: the skeleton
+  // trees are matched to the clips' joints by name, and the body parts, association, rest poses
+  // and settings are used as stored. Joints the trees lack are not driven.
+  bool SetupFromConfiguration(const tarni::CharacterSolverConfigurationRef& config,
+                              const BvhMotion& source, std::string_view sourceName,
+                              const BvhMotion& target, std::string_view targetName,
+                              const RetargetOptions& options, IoError& error);
+
   // The target's local matrices (file coordinates, one per target joint) for source frame `frame`.
   bool SolveFrame(int64_t frame, std::vector<tarni::Matrix>& targetLocals, IoError& error);
   // Every frame: the target skeleton (hierarchy, offsets, channel orders) carrying the motion,
@@ -97,6 +105,7 @@ class Retargeter {
  private:
   bool Fail(IoError& error, const tarni::Error& cause, std::string_view what) const;
   void AlignRest();
+  bool LinkJoints(std::string_view targetName, IoError& error);
   bool MakeSolverState(IoError& error);
 
   std::string _sourceName;
