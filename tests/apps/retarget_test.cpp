@@ -19,6 +19,7 @@
 #include "motion/pose.h"
 #include "retarget/preset.h"
 #include "retarget/retargeter.h"
+#include "retarget/setupfile.h"
 
 namespace tarni::host {
 namespace {
@@ -457,6 +458,98 @@ TEST(RetargetPreset, TurnsDownMalformedPresetsNamingThePlace) {
   EXPECT_EQ(preset.parts[1].keywords, (std::vector<std::string>{"spine", "lower&&back"}));
   EXPECT_TRUE(preset.parts[1].deactivate);
   EXPECT_FALSE(preset.parts[1].position);
+}
+
+TEST(RetargetSetup, ReadsBackWhatItWroteAndSolvesTheSame) {
+  const BvhMotion walk = MakeWalkingHumanoid();
+  const BvhMotion target = MakeTargetSkeleton();
+  const std::vector<Preset> presets = Shipped();
+  Retargeted first;
+  RunRetarget(walk, Pick(walk, presets), target, Pick(target, presets), first);
+  std::string text;
+  IoError error;
+  ASSERT_TRUE(WriteSetup(first.retargeter.Configuration(), text, error)) << error.ToText();
+  // Every part of the set-up is in the file, under the members' declared names.
+  for (const char* member :
+       {"\"_sourceCharacter\"", "\"SkeletonRoot\"", "\"BodyPartRoot\"", "\"SkeletonRestPose\"",
+        "\"NodeTransform\"", "\"_globalMat\"", "\"_uuidAssTable\"", "\"_bpSettings\"",
+        "\"_skeletonKeywords\"", "\"children\""})
+    EXPECT_NE(text.find(member), std::string::npos) << member;
+
+  // Read, write, read: the same text, so the same values (Uuids and names included).
+  tarni::CharacterSolverConfigurationRef config;
+  ASSERT_TRUE(ReadSetup(text, "setup.json", config, error)) << error.ToText();
+  std::string again;
+  ASSERT_TRUE(WriteSetup(config, again, error)) << error.ToText();
+  EXPECT_EQ(again, text);
+
+  // The stored set-up drives the same solve.
+  Retargeter stored;
+  BvhMotion output;
+  ASSERT_TRUE(
+      stored.SetupFromConfiguration(config, walk, "walk.bvh", target, "target.bvh", {}, error))
+      << error.ToText();
+  ASSERT_TRUE(stored.Run(output, error)) << error.ToText();
+  EXPECT_EQ(stored.MappedJointCount(), first.retargeter.MappedJointCount());
+  EXPECT_DOUBLE_EQ(stored.HeightRatio(), first.retargeter.HeightRatio());
+  ASSERT_EQ(output.values.size(), first.output.values.size());
+  double worst = 0;
+  for (size_t i = 0; i < output.values.size(); ++i)
+    worst = std::max(worst, std::fabs(output.values[i] - first.output.values[i]));
+  EXPECT_LT(worst, 1e-9);
+
+  // A switched-off body part, tuned in the file, is honoured.
+  {
+    const size_t at =
+        text.find("\"_settings\": [", text.find("\"leftUpperArm\"", text.find("_bpSettings")));
+    ASSERT_NE(at, std::string::npos);
+    std::string tuned = text;
+    const size_t word = tuned.find_first_of("0123456789", at);
+    tuned.replace(word, tuned.find_first_not_of("0123456789", word) - word, "2");
+    ASSERT_TRUE(ReadSetup(tuned, "tuned.json", config, error)) << error.ToText();
+    Retargeter retuned;
+    ASSERT_TRUE(
+        retuned.SetupFromConfiguration(config, walk, "walk.bvh", target, "target.bvh", {}, error));
+    std::vector<Matrix> a, b;
+    ASSERT_TRUE(retuned.SolveFrame(0, a, error));
+    ASSERT_TRUE(retuned.SolveFrame(walk.frameCount / 8, b, error));
+    const size_t arm = static_cast<size_t>(target.FindJoint("upperarm_l"));
+    EXPECT_EQ(a[arm], b[arm]);
+  }
+}
+
+TEST(RetargetSetup, TurnsDownDamagedFilesNamingTheMember) {
+  tarni::CharacterSolverConfigurationRef config;
+  IoError error;
+  // Each damaged file is named with the path of the member at fault.
+  const std::pair<const char*, const char*> cases[] = {
+      {"{}", "s.json: a set-up file holds one object with one member, \"solverConfiguration\""},
+      {R"({"solverConfiguration": {"_globalWeight": "1"}})",
+       "s.json: solverConfiguration._globalWeight must be a number"},
+      {R"({"solverConfiguration": {"_sourceCharacter": {"_bogus": 1}}})",
+       "s.json: unknown member solverConfiguration._sourceCharacter._bogus"},
+      {R"({"solverConfiguration": {"_sourceCharacter": {"_objectID": "not-a-uuid"}}})",
+       "s.json: solverConfiguration._sourceCharacter._objectID must be a Uuid text"},
+      {R"({"solverConfiguration": {"_bpSettings": [["hips"]]}})",
+       "s.json: solverConfiguration._bpSettings[0] must be a [key, value] pair"},
+      {R"({"solverConfiguration": {"children": []}})",
+       "s.json: solverConfiguration.children is not allowed here"},
+      {"{", "s.json: not valid JSON"},
+  };
+  for (const auto& [text, message] : cases) {
+    EXPECT_FALSE(ReadSetup(text, "s.json", config, error)) << text;
+    EXPECT_EQ(error.ToText(), message);
+  }
+  // A set-up without characters is read, but cannot drive a solve.
+  ASSERT_TRUE(
+      ReadSetup(R"({"solverConfiguration": {"_globalWeight": 0.5}})", "s.json", config, error));
+  EXPECT_EQ(config->GetGlobalWeight(), 0.5);
+  const BvhMotion walk = MakeWalkingHumanoid();
+  Retargeter retargeter;
+  EXPECT_FALSE(
+      retargeter.SetupFromConfiguration(config, walk, "walk.bvh", walk, "walk.bvh", {}, error));
+  EXPECT_EQ(error.ToText(),
+            "walk.bvh: the solver set-up is not complete: Invalid Source Character");
 }
 
 }  // namespace
