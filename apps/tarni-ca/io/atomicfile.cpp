@@ -71,7 +71,9 @@ bool WriteFileAtomicallyImpl(const std::filesystem::path& path, std::string_view
   if (name.empty() || name == "." || name == "..") {
     return Fail(path, "cannot write: the path does not name a file", error);
   }
-  const std::string base = "." + name.string() + ".tmp." + std::to_string(::getpid()) + ".";
+  // Built by appending: g++ 12 warns falsely (-Wrestrict) on "." + std::string at -O2.
+  std::string base(1, '.');
+  base.append(name.string()).append(".tmp.").append(std::to_string(::getpid())).append(".");
 
   // Keep the permissions of the file being replaced; a new file gets the usual 0666 & ~umask.
   mode_t keepMode = 0;
