@@ -43,7 +43,8 @@ void FailNthAllocation(std::int64_t n) noexcept;
 void FailAllocationsFrom(std::int64_t n) noexcept;
 // Stops injecting faults.
 void Disarm() noexcept;
-// Number of allocations seen since the last FailNthAllocation/FailAllocationsFrom/Disarm.
+// Number of allocations counted since the last FailNthAllocation/FailAllocationsFrom; only armed
+// allocations are counted, so after Disarm it still tells how many the armed run made.
 std::int64_t AllocationCount() noexcept;
 // True when an injected fault has hit since the last arming.
 bool Triggered() noexcept;

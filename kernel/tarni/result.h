@@ -71,14 +71,16 @@ class [[nodiscard]] Result {
   // The value; calling these without a value is a programming error.
   T& value() & noexcept { return _value; }
   const T& value() const& noexcept { return _value; }
-  T&& value() && noexcept { return std::move(_value); }
+  // A temporary result hands its value out by value, so `for (auto& x : F().value())` and
+  // `const auto& v = F().value();` hold a live object rather than one inside a destroyed result.
+  T value() && noexcept { return std::move(_value); }
   T* operator->() noexcept { return &_value; }
   const T* operator->() const noexcept { return &_value; }
   T& operator*() & noexcept { return _value; }
   const T& operator*() const& noexcept { return _value; }
 
   const Error& error() const& noexcept { return _error; }
-  Error&& error() && noexcept { return std::move(_error); }
+  Error error() && noexcept { return std::move(_error); }
 
  private:
   void Reset() noexcept {
@@ -104,7 +106,7 @@ class [[nodiscard]] Result<void> {
   explicit operator bool() const noexcept { return !_error; }
   bool has_error() const noexcept { return static_cast<bool>(_error); }
   const Error& error() const& noexcept { return _error; }
-  Error&& error() && noexcept { return std::move(_error); }
+  Error error() && noexcept { return std::move(_error); }
 
  private:
   Error _error;

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "tarni/array.h"
 #include "tarni/error.h"
 #include "tarni/result.h"
 #include "tarni/string.h"
@@ -103,6 +104,32 @@ TEST(Result, HoldsValueErrorOrBoth) {
     EXPECT_TRUE(fromValue);
     Result<void> fromError = Result<int>(UnresolvedError("gone"));
     EXPECT_TRUE(fromError.error().Is(ErrorKind::kUnresolved));
+  }
+}
+
+Result<BaseArray<String>> MakeList() {
+  BaseArray<String> list;
+  TARNI_TRY(list.Append(TARNI_TRY(String::Make("a"))));
+  TARNI_TRY(list.Append(TARNI_TRY(String::Make("b"))));
+  return list;
+}
+
+TEST(Result, TemporariesHandOutLiveValuesAndErrors) {
+  {
+    // A loop over a temporary result's value.
+    std::string seen;
+    for (const String& s : MakeList().value()) seen += s.GetView();
+    EXPECT_EQ(seen, "ab");
+  }
+  {
+    // References bound to a temporary's value and error.
+    const auto& held = MakeList().value();
+    ASSERT_EQ(held.GetCount(), 2);
+    EXPECT_EQ(held[1], "b");
+    const Error& error = Result<int>(Error::MakeCopy(ErrorKind::kUnexpected, "kept")).error();
+    EXPECT_EQ(error.GetMessage(), "kept");
+    const Error& voidError = Result<void>(Error::MakeCopy(ErrorKind::kUnexpected, "too")).error();
+    EXPECT_EQ(voidError.GetMessage(), "too");
   }
 }
 
