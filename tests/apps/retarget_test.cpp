@@ -17,6 +17,7 @@
 #include "io/bvh.h"
 #include "motion/demogen.h"
 #include "motion/pose.h"
+#include "retarget/keyreduction.h"
 #include "retarget/preset.h"
 #include "retarget/retargeter.h"
 #include "retarget/setupfile.h"
@@ -509,6 +510,104 @@ TEST(RetargetPreset, TurnsDownMalformedPresetsNamingThePlace) {
   EXPECT_EQ(preset.parts[1].keywords, (std::vector<std::string>{"spine", "lower&&back"}));
   EXPECT_TRUE(preset.parts[1].deactivate);
   EXPECT_FALSE(preset.parts[1].position);
+}
+
+TEST(RetargetPreset, ShippedPresetsPickEverySkeletonTheyAreMadeFor) {
+  const std::vector<Preset> presets = Shipped();
+  ASSERT_EQ(presets.size(), 3u);
+  // Each skeleton picks the preset of its naming convention, which maps all its main joints.
+  struct Case {
+    const char* clip;  // null: a generated skeleton
+    bool walker;
+    const char* preset;
+    int64_t matches;
+  };
+  const Case cases[] = {{nullptr, true, "humanoid-uplegs", 22},
+                        {nullptr, false, "humanoid-rig", 19},
+                        {kWalk, false, "humanoid-joints", 23},
+                        {kJumps, false, "humanoid-uplegs", 23},
+                        {kIdle, false, "humanoid-rig", 17}};
+  for (const Case& c : cases) {
+    BvhMotion motion;
+    if (c.clip == nullptr)
+      motion = c.walker ? MakeWalkingHumanoid() : MakeTargetSkeleton();
+    else if (!LoadClip(c.clip, motion))
+      continue;  // the shared clips are optional
+    int64_t best = 0;
+    const int picked = PickPreset(motion, presets, &best);
+    ASSERT_GE(picked, 0);
+    EXPECT_EQ(presets[static_cast<size_t>(picked)].name, c.preset) << motion.joints[1].name;
+    EXPECT_EQ(best, c.matches) << motion.joints[1].name;
+  }
+  // "LeftShoulder" is the collar in one convention and the upper arm in the other.
+  {
+    BvhMotion walk;
+    if (LoadClip(kWalk, walk)) {
+      Character character;
+      IoError error;
+      const Preset& preset = Pick(walk, presets);
+      ASSERT_TRUE(
+          BuildCharacter(walk, "walk", preset, -1, PositionChoice::kAuto, character, error));
+      const auto& part = character.bodyPartOf[static_cast<size_t>(walk.FindJoint("LeftShoulder"))];
+      ASSERT_TRUE(part);
+      EXPECT_EQ(part->GetIdentifier().GetText(), "leftUpperArm");
+    }
+  }
+  // A name that is no shipped preset lists the shipped ones.
+  {
+    Preset preset;
+    IoError error;
+    EXPECT_FALSE(FindPreset("humanoid", preset, error));
+    EXPECT_EQ(error.ToText(),
+              "no preset named 'humanoid' (shipped: humanoid-joints, humanoid-rig, "
+              "humanoid-uplegs)");
+  }
+}
+
+TEST(RetargetReduction, EvaluatesReducedCurvesAndMeasuresTheirError) {
+  auto key = [](float t, float v, float lx = -1, float ly = -1, float rx = -1, float ry = -1) {
+    CurveKey k;
+    k.position[0] = t;
+    k.position[1] = v;
+    k.leftTangent[0] = lx;
+    k.leftTangent[1] = ly;
+    k.rightTangent[0] = rx;
+    k.rightTangent[1] = ry;
+    return k;
+  };
+  // Undefined handles make a straight segment; outside the keys the ends hold.
+  const std::vector<CurveKey> straight = {key(0, 0), key(2, 4)};
+  EXPECT_NEAR(ReducedValueAt(straight, 0.5), 1.0, 1e-9);
+  EXPECT_EQ(ReducedValueAt(straight, -1), 0.0);
+  EXPECT_EQ(ReducedValueAt(straight, 3), 4.0);
+  EXPECT_EQ(ReducedValueAt({}, 1), 0.0);
+  // Flat handles give an eased segment: symmetric, at the middle value half way.
+  const std::vector<CurveKey> eased = {key(0, 0, -1, -1, 1.0f / 3, 0),
+                                       key(1, 1, -1.0f / 3, 0, -1, -1)};
+  EXPECT_NEAR(ReducedValueAt(eased, 0.5), 0.5, 1e-9);
+  EXPECT_LT(ReducedValueAt(eased, 0.1), 0.1);
+  // The measure compares at the original keys and names the worst curve.
+  CurveFile original, reduced;
+  original.fps = reduced.fps = 1;
+  original.curves = {{"a", {key(0, 0), key(1, 2), key(2, 4)}},
+                     {"b", {key(0, 0), key(1, 3), key(2, 0)}}};
+  reduced.curves = {{"a", {key(0, 0), key(2, 4)}}, {"b", {key(0, 0), key(2, 0)}}};
+  const ReductionMeasure measure = MeasureReduction(original, reduced);
+  EXPECT_EQ(measure.keysIn, 6u);
+  EXPECT_EQ(measure.keysOut, 4u);
+  EXPECT_NEAR(measure.largestError, 3.0, 1e-9);
+  EXPECT_EQ(measure.worstCurve, "b");
+  // The fitter keeps a straight line in two keys and the values at its ends.
+  CurveFile line;
+  line.fps = 30;
+  line.curves.push_back({"x", {}});
+  for (int i = 0; i < 30; ++i) line.curves[0].keys.push_back(key(i / 30.0f, 2.0f * i));
+  CurveFile out;
+  ASSERT_TRUE(ReduceCurves(line, 0.3f, out));
+  ASSERT_EQ(out.curves.size(), 1u);
+  EXPECT_EQ(out.curves[0].name, "x");
+  EXPECT_LT(out.curves[0].keys.size(), 5u);
+  EXPECT_LT(MeasureReduction(line, out).largestError, 0.1);
 }
 
 TEST(RetargetSetup, ReadsBackWhatItWroteAndSolvesTheSame) {
