@@ -217,9 +217,21 @@ void* QueryOne(Self* self, const Id& interfaceId) noexcept {
   return QueryList(self, interfaceId, typename I::Extends{});
 }
 
-// Clone through default construction, Init and CopyFrom: the one copy-construct of every class.
+template <typename Self>
+concept ClonesByCopyConstructor = Self::kCloneByCopyConstructor && std::is_copy_constructible_v<Self>;
+
+// The one copy-construct of every class: default construction, Init and CopyFrom. A class whose
+// members are all plain values and shared references, for which the C++ copy constructor does
+// exactly what its CopyFrom does, may say `static constexpr bool kCloneByCopyConstructor = true;`
+// and is then cloned in one step; copy-on-write node data is cloned on every solved frame.
 template <typename Self>
 Result<Ref<Object>> CloneObject(const Self& source) noexcept {
+  if constexpr (ClonesByCopyConstructor<Self>) {
+    Ref<Self> copy(new Self(source));
+    if (!copy) return NullReferenceError("Class could not create an instance.");
+    copy->SetClass(source.GetClass());
+    return Ref<Object>(std::move(copy));
+  }
   Ref<Self> copy(new Self());
   if (!copy) return NullReferenceError("Class could not create an instance.");
   copy->SetClass(source.GetClass());

@@ -7,6 +7,9 @@ namespace {
 class CharacterNodeInfoImpl final : public NodeInfoComponent<CharacterNodeInfo> {
   TARNI_IMPLEMENTS(CharacterNodeInfoImpl, CharacterNodeInfo)
  public:
+  // The copy constructor shares both fields, as CopyFrom does.
+  static constexpr bool kCloneByCopyConstructor = true;
+
   Result<void> CopyFrom(const Object& source) noexcept override {
     const auto* other = SameClass<CharacterNodeInfoImpl>(source);
     if (other == nullptr) return IllegalArgumentError("Illegal argument: copy from another class.");

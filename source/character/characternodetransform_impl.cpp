@@ -8,6 +8,9 @@ namespace {
 class CharacterNodeTransformImpl final : public NodeInfoComponent<CharacterNodeTransform> {
   TARNI_IMPLEMENTS(CharacterNodeTransformImpl, CharacterNodeTransform)
  public:
+  // The copy constructor copies the matrices and shares the node-info fields, as CopyFrom does.
+  static constexpr bool kCloneByCopyConstructor = true;
+
   void SetGlobalMatrix(const Matrix& matrix) noexcept override { _globalMat = matrix; }
   const Matrix& GetGlobalMatrix() const noexcept override { return _globalMat; }
   void SetParentGlobalMatrix(const Matrix& matrix) noexcept override { _parentGlobalMat = matrix; }
