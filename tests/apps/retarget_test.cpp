@@ -442,6 +442,16 @@ TEST_F(RetargetJob, BatchFinishesTheGoodFilesAfterABadOne) {
   EXPECT_TRUE(fs::exists(PathOf("batch/second.bvh")));
   EXPECT_FALSE(fs::exists(PathOf("batch/broken.bvh")));
   EXPECT_EQ(ReadText(PathOf("batch/walk.bvh")), ReadText(PathOf("batch/second.bvh")));
+  // Two sources of one name cannot share the folder: nothing is written.
+  fs::create_directories(PathOf("other"));
+  fs::copy_file(PathOf("walk.bvh"), PathOf("other/walk.bvh"));
+  const Result clash =
+      Tarni("retarget '" + PathOf("walk.bvh") + "' '" + PathOf("other/walk.bvh") + "' --target '" +
+            PathOf("target.bvh") + "' -o '" + PathOf("clash") + "'");
+  EXPECT_EQ(clash.status, 2);
+  EXPECT_EQ(clash.err, "tarni-ca: retarget: two sources would both write " + PathOf("clash") +
+                           "/walk.bvh; see tarni-ca retarget --help\n");
+  EXPECT_FALSE(fs::exists(PathOf("clash")));
 }
 
 TEST_F(RetargetJob, InspectShowsTheMappingAndDemoRunsTheWholeRoad) {

@@ -283,15 +283,18 @@ int RunRetarget(int argc, char** argv) {
   if (options.sources.size() == 1) {
     outputs.emplace_back(options.output);
   } else {
+    for (const std::string& source : options.sources) {
+      const std::filesystem::path name = std::filesystem::path(source).stem();
+      outputs.push_back(std::filesystem::path(options.output) / (name.string() + ".bvh"));
+      // One output per source: a second source of the same name would overwrite the first.
+      if (std::count(outputs.begin(), outputs.end(), outputs.back()) > 1)
+        return UsageError("two sources would both write " + outputs.back().string());
+    }
     std::error_code failed;
     std::filesystem::create_directories(options.output, failed);
     if (failed || !std::filesystem::is_directory(options.output)) {
       PrintError("retarget: cannot make the output folder " + options.output);
       return kExitFailure;
-    }
-    for (const std::string& source : options.sources) {
-      const std::filesystem::path name = std::filesystem::path(source).stem();
-      outputs.push_back(std::filesystem::path(options.output) / (name.string() + ".bvh"));
     }
   }
 
