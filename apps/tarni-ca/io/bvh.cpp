@@ -719,30 +719,22 @@ int BvhMotion::FindJoint(std::string_view name) const {
 
 bool ReadBvh(std::string_view text, std::string_view fileName, BvhMotion& motion, IoError& error) {
   motion = BvhMotion{};
-  try {
+  return GuardedIo(fileName, error, [&] {
     BvhMotion parsed;
     BvhParser parser(text, fileName, error);
     if (!parser.Parse(parsed)) return false;
     motion = std::move(parsed);
     return true;
-  } catch (const std::bad_alloc&) {
-    error = IoError{std::string(fileName), 0, "out of memory"};
-  } catch (const std::exception& e) {
-    error = IoError{std::string(fileName), 0, e.what()};
-  }
-  return false;
+  });
 }
 
 bool ReadBvh(const std::filesystem::path& path, BvhMotion& motion, IoError& error) {
   motion = BvhMotion{};
-  try {
+  return GuardedIo(path.string(), error, [&] {
     std::string text;
     if (!ReadWholeFile(path, text, error)) return false;
     return ReadBvh(text, path.string(), motion, error);
-  } catch (const std::exception& e) {
-    error = IoError{path.string(), 0, e.what()};
-  }
-  return false;
+  });
 }
 
 bool CheckBvh(const BvhMotion& motion, IoError& error) {

@@ -439,30 +439,22 @@ CurveFile CurvesFromBvhImpl(const BvhMotion& motion, double fps) {
 bool ReadCurveFile(std::string_view text, std::string_view fileName, CurveFile& file,
                    IoError& error) {
   file = CurveFile{};
-  try {
+  return GuardedIo(fileName, error, [&] {
     CurveFile parsed;
     CurveFileParser parser(fileName, error);
     if (!parser.Parse(text, parsed)) return false;
     file = std::move(parsed);
     return true;
-  } catch (const std::bad_alloc&) {
-    error = IoError{std::string(fileName), 0, "out of memory"};
-  } catch (const std::exception& e) {
-    error = IoError{std::string(fileName), 0, e.what()};
-  }
-  return false;
+  });
 }
 
 bool ReadCurveFile(const std::filesystem::path& path, CurveFile& file, IoError& error) {
   file = CurveFile{};
-  try {
+  return GuardedIo(path.string(), error, [&] {
     std::string text;
     if (!ReadWholeFile(path, text, error)) return false;
     return ReadCurveFile(text, path.string(), file, error);
-  } catch (const std::exception& e) {
-    error = IoError{path.string(), 0, e.what()};
-  }
-  return false;
+  });
 }
 
 bool CheckCurveFile(const CurveFile& file, IoError& error) {

@@ -3,7 +3,10 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
+#include <new>
 #include <string>
+#include <string_view>
 
 namespace tarni::host {
 
@@ -16,5 +19,19 @@ struct IoError {
   // out when unknown.
   std::string ToText() const;
 };
+
+// Runs `read` (a callable returning bool that fills `error` itself on failure) so that nothing it
+// throws escapes: running out of memory or any other exception becomes an error naming `file`.
+template <typename Read>
+bool GuardedIo(std::string_view file, IoError& error, Read&& read) noexcept {
+  try {
+    return read();
+  } catch (const std::bad_alloc&) {
+    error = IoError{std::string(file), 0, "out of memory"};
+  } catch (const std::exception& e) {
+    error = IoError{std::string(file), 0, e.what()};
+  }
+  return false;
+}
 
 }  // namespace tarni::host
