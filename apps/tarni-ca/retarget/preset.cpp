@@ -1,8 +1,8 @@
 #include "retarget/preset.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
-#include <set>
 
 #include <nlohmann/json.hpp>
 
