@@ -34,7 +34,7 @@ ErrorData* NewData(std::size_t extra) noexcept {
   return ::new (memory) ErrorData{};
 }
 
-void Retain(ErrorData* data) noexcept {
+void RetainData(ErrorData* data) noexcept {
   if (data != nullptr && !data->immortal) data->refs.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -66,27 +66,9 @@ Id ErrorKindId(ErrorKind kind) noexcept {
   return Id("net.tarni.error.unknown");
 }
 
-Error::Error(const Error& other) noexcept : _data(other._data) { Retain(_data); }
+void Error::Retain(ErrorData* data) noexcept { RetainData(data); }
 
-Error& Error::operator=(const Error& other) noexcept {
-  if (_data != other._data) {
-    Retain(other._data);
-    ReleaseData(_data);
-    _data = other._data;
-  }
-  return *this;
-}
-
-Error& Error::operator=(Error&& other) noexcept {
-  if (this != &other) {
-    ReleaseData(_data);
-    _data = other._data;
-    other._data = nullptr;
-  }
-  return *this;
-}
-
-Error::~Error() { ReleaseData(_data); }
+void Error::Release(ErrorData* data) noexcept { ReleaseData(data); }
 
 Error Error::Make(ErrorKind kind, const char* literalMessage, const char* file, int line) noexcept {
   ErrorData* data = NewData(0);

@@ -34,11 +34,31 @@ class Error {
  public:
   // No error.
   constexpr Error() noexcept = default;
-  Error(const Error& other) noexcept;
+  // "No error" is the common case of every Result, so it costs no call: only an error's data is
+  // retained and released out of line.
+  Error(const Error& other) noexcept : _data(other._data) {
+    if (_data != nullptr) Retain(_data);
+  }
   Error(Error&& other) noexcept : _data(other._data) { other._data = nullptr; }
-  Error& operator=(const Error& other) noexcept;
-  Error& operator=(Error&& other) noexcept;
-  ~Error();
+  Error& operator=(const Error& other) noexcept {
+    if (_data != other._data) {
+      if (other._data != nullptr) Retain(other._data);
+      if (_data != nullptr) Release(_data);
+      _data = other._data;
+    }
+    return *this;
+  }
+  Error& operator=(Error&& other) noexcept {
+    if (this != &other) {
+      if (_data != nullptr) Release(_data);
+      _data = other._data;
+      other._data = nullptr;
+    }
+    return *this;
+  }
+  ~Error() {
+    if (_data != nullptr) Release(_data);
+  }
 
   // An error whose message is a string literal (not copied). When the error object itself cannot
   // be allocated, a shared, preallocated out-of-memory error stands in.
@@ -70,6 +90,9 @@ class Error {
 
  private:
   explicit Error(detail::ErrorData* data) noexcept : _data(data) {}
+  // One more holder of `data` / one holder less (the last one frees it); never null.
+  static void Retain(detail::ErrorData* data) noexcept;
+  static void Release(detail::ErrorData* data) noexcept;
   detail::ErrorData* _data = nullptr;
 };
 

@@ -77,6 +77,8 @@ class Object {
   virtual ~Object();
 
  private:
+  template <typename T>
+  friend class Ref;
   mutable std::atomic<std::int32_t> _refCount{0};
   const ClassInfo* _class = nullptr;
 };
@@ -120,6 +122,21 @@ class Ref {
   ~Ref() {
     if (_ptr) detail::AsObject(_ptr)->Release();
   }
+
+  // Takes over a reference the caller already counts (one given up by Detach), counting none.
+  static Ref Adopt(T* object) noexcept {
+    Ref ref;
+    ref._ptr = object;
+    return ref;
+  }
+  // The first reference to an object just constructed, which nobody else can see yet: its count
+  // is set rather than incremented, which spares the atomic operation on every clone.
+  static Ref AdoptNew(T* object) noexcept {
+    if (object) detail::AsObject(object)->_refCount.store(1, std::memory_order_relaxed);
+    return Adopt(object);
+  }
+  // Gives up this reference without releasing it: the caller now holds the count (see Adopt).
+  T* Detach() noexcept { return std::exchange(_ptr, nullptr); }
 
   T* Get() const noexcept { return _ptr; }
   T* operator->() const noexcept { return _ptr; }
@@ -185,16 +202,32 @@ class CowRef {
   // Fails with the null-reference error when the reference is empty or no clone can be made.
   Result<T*> MakeWritable() noexcept {
     if (!_ref) return NullReferenceError("Copy-on-write reference is empty.");
-    if (detail::AsObject(_ref.Get())->IsShared()) {
-      Result<Ref<Object>> clone = detail::AsObject(_ref.Get())->Clone();
-      Ref<T> typed = clone ? Cast<T>(clone.value()) : Ref<T>();
-      if (!typed) return NullReferenceError("Copy-on-write reference could not be made writable.");
-      _ref = std::move(typed);
-    }
+    if (detail::AsObject(_ref.Get())->IsShared()) TARNI_TRY(TakeCloneOf(*_ref));
     return _ref.Get();
   }
 
+  // A new reference to a clone of `source`'s object: what copying `source` and making the copy
+  // writable gives (the object is shared then, so it is always cloned), without counting the
+  // short-lived shared reference. Fails with MakeWritable's errors.
+  static Result<CowRef> WritableCopyOf(const CowRef& source) noexcept {
+    if (!source._ref) return NullReferenceError("Copy-on-write reference is empty.");
+    CowRef copy;
+    TARNI_TRY(copy.TakeCloneOf(*source._ref));
+    return copy;
+  }
+
  private:
+  // Replaces the reference by one to a clone of `object`; the clone's one reference moves over
+  // as it is.
+  Result<void> TakeCloneOf(const T& object) noexcept {
+    Result<Ref<Object>> clone = detail::AsObject(&object)->Clone();
+    T* typed = clone ? Cast<T>(clone.value().Get()) : nullptr;
+    if (!typed) return NullReferenceError("Copy-on-write reference could not be made writable.");
+    clone.value().Detach();
+    _ref = Ref<T>::Adopt(typed);
+    return OK;
+  }
+
   Ref<T> _ref;
 };
 
@@ -227,12 +260,15 @@ concept ClonesByCopyConstructor = Self::kCloneByCopyConstructor && std::is_copy_
 template <typename Self>
 Result<Ref<Object>> CloneObject(const Self& source) noexcept {
   if constexpr (ClonesByCopyConstructor<Self>) {
-    Ref<Self> copy(new Self(source));
-    if (!copy) return NullReferenceError("Class could not create an instance.");
+    // The copy constructor sets every member, so the memory is not cleared first; the object is
+    // still released through Object's operator delete, which frees it to the kernel heap.
+    void* memory = Allocate(sizeof(Self));
+    if (memory == nullptr) return NullReferenceError("Class could not create an instance.");
+    Ref<Self> copy = Ref<Self>::AdoptNew(::new (memory) Self(source));
     copy->SetClass(source.GetClass());
     return Ref<Object>(std::move(copy));
   }
-  Ref<Self> copy(new Self());
+  Ref<Self> copy = Ref<Self>::AdoptNew(new Self());
   if (!copy) return NullReferenceError("Class could not create an instance.");
   copy->SetClass(source.GetClass());
   TARNI_TRY(copy->Init());

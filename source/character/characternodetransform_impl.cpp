@@ -1,3 +1,6 @@
+#include <typeinfo>
+
+#include "character/lookups.h"
 #include "character/nodeinfocomponent.h"
 #include "module/units.h"
 #include "tarni/characternodetransform.h"
@@ -72,6 +75,23 @@ const StaticFunction kStatics[] = {
 };
 
 }  // namespace
+
+const CharacterNodeTransformRef* FindFirstNode(const BaseArray<CharacterNodeTransformRef>& nodes,
+                                               const Uuid& id) noexcept {
+  static const Uuid kEmpty;
+  for (const CharacterNodeTransformRef& node : nodes) {
+    const CharacterNodeTransform* element = node.Get();
+    // The class is final: an equal type is exactly this class, whose Uuid is read without the
+    // virtual call.
+    const Uuid& uuid = element == nullptr ? kEmpty
+                       : typeid(*element) == typeid(CharacterNodeTransformImpl)
+                           ? static_cast<const CharacterNodeTransformImpl*>(element)
+                                 ->NodeInfoComponent<CharacterNodeTransform>::GetUuid()
+                           : element->GetUuid();
+    if (uuid == id) return &node;
+  }
+  return nullptr;
+}
 
 const ClassRecord kCharacterNodeTransformClass{CharacterNodeTransform::kClassId,
                                                "CharacterNodeTransformImpl",

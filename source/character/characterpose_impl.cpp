@@ -1,3 +1,7 @@
+#include <typeinfo>
+
+#include "character/lookups.h"
+#include "character/posenodes.h"
 #include "module/units.h"
 #include "tarni/characterpose.h"
 #include "tarni/describe.h"
@@ -20,9 +24,8 @@ class CharacterPoseImpl final : public CharacterPose {
   Result<CharacterNodeTransformRef> GetNodeTransformByID(const Uuid& id) const noexcept override {
     // An empty slot stands for a node whose id is the empty Uuid, so looking up the empty id can
     // hit it; Uuid equality covers both shared id data and equal 128-bit values.
-    for (const CharacterNodeTransformRef& node : _nodeTransforms)
-      if (node ? id == node->GetUuid() : id == Uuid()) return node;
-    return CharacterNodeTransformRef();
+    const CharacterNodeTransformRef* found = FindFirstNode(_nodeTransforms, id);
+    return found ? *found : CharacterNodeTransformRef();
   }
 
   String ToString(const FormatStatement* format = nullptr) const noexcept override {
@@ -39,6 +42,11 @@ class CharacterPoseImpl final : public CharacterPose {
     }
     out.Append('}');
     return out.ToString();
+  }
+
+  // Takes over `nodes` as the whole array (see CopyPoseWithNodes).
+  void TakeNodeTransformArray(BaseArray<CharacterNodeTransformRef>&& nodes) noexcept {
+    _nodeTransforms = std::move(nodes);
   }
 
   // A clone shares the elements exactly as SetNodeTransformArray does.
@@ -71,6 +79,25 @@ const StaticFunction kStatics[] = {
 };
 
 }  // namespace
+
+Result<CharacterPoseRef> CopyPoseWithNodes(const CharacterPoseRef& pose,
+                                           BaseArray<CharacterNodeTransformRef>&& nodes) noexcept {
+  // The class is final: an equal type is exactly this class.
+  const CharacterPose* shared = pose.Get();
+  if (shared == nullptr || typeid(*shared) != typeid(CharacterPoseImpl)) {
+    CharacterPoseRef copy = pose;
+    TARNI_TRY(TARNI_TRY(copy.MakeWritable())->SetNodeTransformArray(nodes));
+    return copy;
+  }
+  // The copy the shared pose's copy-construct would make, minus the array it would copy only to
+  // have it replaced at once. The class keeps no other state.
+  Ref<CharacterPoseImpl> fresh = Ref<CharacterPoseImpl>::AdoptNew(new CharacterPoseImpl());
+  if (!fresh) return NullReferenceError("Copy-on-write reference could not be made writable.");
+  fresh->SetClass(shared->GetClass());
+  TARNI_TRY(fresh->Init());
+  fresh->TakeNodeTransformArray(std::move(nodes));
+  return CharacterPoseRef(Ref<CharacterPose>(std::move(fresh)));
+}
 
 const ClassRecord kCharacterPoseClass{CharacterPose::kClassId,
                                       "CharacterPoseImpl",

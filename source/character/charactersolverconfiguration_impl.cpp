@@ -1,3 +1,6 @@
+#include <typeinfo>
+
+#include "character/lookups.h"
 #include "module/units.h"
 #include "tarni/charactersolverconfiguration.h"
 #include "tarni/describe.h"
@@ -66,8 +69,13 @@ class CharacterSolverConfigurationImpl final : public CharacterSolverConfigurati
   }
   CharacterBodyPartSolverSettingRef GetBodyPartSetting(
       const InternedId& identifier) const noexcept override {
-    const CharacterBodyPartSolverSettingRef* found = _bpSettings.Find(identifier);
+    const CharacterBodyPartSolverSettingRef* found = FindBodyPartSetting(identifier);
     return found ? *found : CharacterBodyPartSolverSettingRef();
+  }
+  // The stored reference for `identifier`, or null (see PeekBodyPartSetting).
+  const CharacterBodyPartSolverSettingRef* FindBodyPartSetting(
+      const InternedId& identifier) const noexcept {
+    return _bpSettings.Find(identifier);
   }
   Result<void> ClearBodyPartSetting() noexcept override {
     _bpSettings.Flush();
@@ -167,6 +175,20 @@ const StaticFunction kStatics[] = {
 };
 
 }  // namespace
+
+const CharacterBodyPartSolverSetting* PeekBodyPartSetting(
+    const CharacterSolverConfiguration& config, const InternedId& identifier,
+    CharacterBodyPartSolverSettingRef& holder) noexcept {
+  // The class is final: an equal type is exactly this class.
+  if (typeid(config) == typeid(CharacterSolverConfigurationImpl)) {
+    const CharacterBodyPartSolverSettingRef* found =
+        static_cast<const CharacterSolverConfigurationImpl&>(config).FindBodyPartSetting(
+            identifier);
+    return found ? found->Get() : nullptr;
+  }
+  holder = config.GetBodyPartSetting(identifier);
+  return holder.Get();
+}
 
 const ClassRecord kCharacterSolverConfigurationClass{
     CharacterSolverConfiguration::kClassId,

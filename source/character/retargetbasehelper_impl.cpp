@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "character/posenodes.h"
 #include "module/units.h"
 #include "tarni/describe.h"
 #include "tarni/hierarchy.h"
@@ -185,14 +186,12 @@ class RetargetBaseHelperImpl final : public RetargetBaseHelper {
     for (const CharacterNodeTransformRef& node : nodes) {
       if (!node) return NullReferenceError("Pose holds an empty node.");
       const Uuid target = TARNI_TRY(association->GetAssociatedUuid(node->GetUuid()));
-      // The copy is made writable, so the input pose's node keeps its Uuid.
-      CharacterNodeTransformRef copy = node;
+      // A writable copy, so the input pose's node keeps its Uuid.
+      CharacterNodeTransformRef copy = TARNI_TRY(CharacterNodeTransformRef::WritableCopyOf(node));
       TARNI_TRY(TARNI_TRY(copy.MakeWritable())->SetUuid(target));
       TARNI_TRY(renamed.Append(std::move(copy)));
     }
-    CharacterPoseRef result = pose;
-    TARNI_TRY(TARNI_TRY(result.MakeWritable())->SetNodeTransformArray(renamed));
-    return result;
+    return CopyPoseWithNodes(pose, std::move(renamed));
   }
 
   Result<std::int64_t> FindSkeletonMatchingCount(const CharacterBodyPartRef& bodyPart,

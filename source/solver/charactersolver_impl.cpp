@@ -1,5 +1,7 @@
 #include <cmath>
 
+#include "character/lookups.h"
+#include "character/posenodes.h"
 #include "module/units.h"
 #include "solver/quaternion.h"
 #include "tarni/charactersolver.h"
@@ -113,38 +115,41 @@ class CharacterSolverImpl final : public CharacterSolver {
     TARNI_CHECK_ARGUMENT(config && sourcePose);
     const CharacterDefinitionRef& source = config->GetSourceCharacter();
     // Every mode but SKELETONTOSKELETON reads the controllers.
-    CharacterPoseRef rest;
+    const CharacterPoseRef* restRef = nullptr;
     if (source) {
-      rest = config->GetSolvingMode() != SolvingMode::SKELETONTOSKELETON
-                 ? source->GetControllersRestPose()
-                 : source->GetSkeletonRestPose();
+      restRef = config->GetSolvingMode() != SolvingMode::SKELETONTOSKELETON
+                    ? &source->GetControllersRestPose()
+                    : &source->GetSkeletonRestPose();
     }
-    if (!rest) return NullReferenceError("The source character has no rest pose.");
+    if (restRef == nullptr || !*restRef)
+      return NullReferenceError("The source character has no rest pose.");
+    // The configuration holds the definition, and the definition its rest pose, for the call.
+    const CharacterPoseRef& rest = *restRef;
     const BaseArray<CharacterNodeTransformRef>& restNodes = rest->GetNodeTransformArray();
 
-    // The output starts as references to the rest nodes; each is made writable before its delta
-    // is set, which clones it, so the rest pose's nodes never change.
+    // Each output node is a writable copy of its rest node, so it is always a clone and the rest
+    // pose's nodes never change.
     BaseArray<CharacterNodeTransformRef> nodes;
-    if (!nodes.CopyFrom(restNodes)) return OutOfMemoryError();
+    if (!nodes.EnsureCapacity(restNodes.GetCount())) return OutOfMemoryError();
     // Both poses stay alive and unchanged while the loop reads their nodes.
     const FirstMatchIndex restIndex(*rest);
     const FirstMatchIndex sourceIndex(*sourcePose);
     static const Uuid kEmpty;
-    for (CharacterNodeTransformRef& element : nodes) {
+    for (const CharacterNodeTransformRef& element : restNodes) {
       const Uuid& uuid = element ? element->GetUuid() : kEmpty;
       const CharacterNodeTransformRef* restNode = restIndex.Find(uuid);
       const CharacterNodeTransformRef* srcNode = sourceIndex.Find(uuid);
       const Matrix delta =
           NodeDelta(srcNode ? srcNode->Get() : nullptr, restNode ? restNode->Get() : nullptr);
-      CharacterNodeTransform* writable = TARNI_TRY(element.MakeWritable());
-      writable->SetGlobalMatrix(delta);
+      CharacterNodeTransformRef copy =
+          TARNI_TRY(CharacterNodeTransformRef::WritableCopyOf(element));
+      TARNI_TRY(copy.MakeWritable())->SetGlobalMatrix(delta);
+      TARNI_TRY(nodes.Append(std::move(copy)));  // within the capacity: cannot fail
     }
 
     // The result is a copy of the rest pose holding the delta nodes; the definition's own rest
     // pose stays as it was.
-    CharacterPose* pose = TARNI_TRY(rest.MakeWritable());
-    TARNI_TRY(pose->SetNodeTransformArray(nodes));
-    return rest;
+    return CopyPoseWithNodes(rest, std::move(nodes));
   }
 
   Result<Matrix> ApplyGlobalRotationDelta(const CharacterNodeTransformRef& target,
@@ -214,8 +219,9 @@ class CharacterSolverImpl final : public CharacterSolver {
         product = TARNI_TRY(GetCumulatedWeight(rest, solverConfig));
         break;
       }
-      const CharacterBodyPartSolverSettingRef setting =
-          solverConfig->GetBodyPartSetting(part->GetIdentifier());
+      CharacterBodyPartSolverSettingRef holder;
+      const CharacterBodyPartSolverSetting* setting =
+          PeekBodyPartSetting(*solverConfig, part->GetIdentifier(), holder);
       Float64 weight = 1.0;
       bool last = false;
       if (setting) {

@@ -1,0 +1,17 @@
+// Module-internal shortcut for the solver and the retarget helper, which both build a new pose
+// from an existing one on every frame.
+#pragma once
+
+#include "tarni/characterpose.h"
+
+namespace tarni::ca {
+
+// A writable copy of `pose` holding `nodes`, which it takes over: what copying the reference,
+// MakeWritable and SetNodeTransformArray(nodes) give, so the caller's pose never changes. For this
+// module's own pose class the copy is made without first copying the old array, and `nodes` moves
+// in without touching a reference count. Fails with MakeWritable's errors, or with the
+// out-of-memory error of SetNodeTransformArray for poses of other classes.
+Result<CharacterPoseRef> CopyPoseWithNodes(const CharacterPoseRef& pose,
+                                           BaseArray<CharacterNodeTransformRef>&& nodes) noexcept;
+
+}  // namespace tarni::ca
