@@ -37,8 +37,11 @@ class Id {
   constexpr std::uint64_t GetHash() const noexcept { return _hash; }
   constexpr bool IsEmpty() const noexcept { return _text.empty(); }
 
+  // The same text object needs no byte comparison: interface queries compare an id with itself.
   constexpr bool operator==(const Id& other) const noexcept {
-    return _hash == other._hash && _text == other._text;
+    return _hash == other._hash &&
+           ((_text.data() == other._text.data() && _text.size() == other._text.size()) ||
+            _text == other._text);
   }
 
  private:

@@ -209,11 +209,10 @@ class CowRef {
   // A new reference to a clone of `source`'s object: what copying `source` and making the copy
   // writable gives (the object is shared then, so it is always cloned), without counting the
   // short-lived shared reference. Fails with MakeWritable's errors.
-  static Result<CowRef> WritableCopyOf(const CowRef& source) noexcept {
-    if (!source._ref) return NullReferenceError("Copy-on-write reference is empty.");
-    CowRef copy;
-    TARNI_TRY(copy.TakeCloneOf(*source._ref));
-    return copy;
+  static Result<CowRef> WritableCopyOf(const CowRef& source) noexcept;
+  // MakeWritable's error when no clone can be made, for shortcuts that clone on their own.
+  static Error CloneFailedError() noexcept {
+    return NullReferenceError("Copy-on-write reference could not be made writable.");
   }
 
  private:
@@ -222,7 +221,7 @@ class CowRef {
   Result<void> TakeCloneOf(const T& object) noexcept {
     Result<Ref<Object>> clone = detail::AsObject(&object)->Clone();
     T* typed = clone ? Cast<T>(clone.value().Get()) : nullptr;
-    if (!typed) return NullReferenceError("Copy-on-write reference could not be made writable.");
+    if (!typed) return CloneFailedError();
     clone.value().Detach();
     _ref = Ref<T>::Adopt(typed);
     return OK;
@@ -230,6 +229,14 @@ class CowRef {
 
   Ref<T> _ref;
 };
+
+template <typename T>
+Result<CowRef<T>> CowRef<T>::WritableCopyOf(const CowRef& source) noexcept {
+  if (!source._ref) return NullReferenceError("Copy-on-write reference is empty.");
+  CowRef copy;
+  TARNI_TRY(copy.TakeCloneOf(*source._ref));
+  return copy;
+}
 
 namespace detail {
 template <typename Self, typename I>

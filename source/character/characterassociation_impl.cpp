@@ -1,3 +1,6 @@
+#include <typeinfo>
+
+#include "character/lookups.h"
 #include "module/units.h"
 #include "tarni/characterassociation.h"
 #include "tarni/describe.h"
@@ -77,10 +80,13 @@ class CharacterAssociationImpl final : public CharacterAssociation {
     return StoreBothDirections(_uuidAssTable, source, target);
   }
   Result<Uuid> GetAssociatedUuid(const Uuid& key) const noexcept override {
-    const Uuid* value = _uuidAssTable.Find(key);
+    const Uuid* value = FindAssociatedUuid(key);
     if (value == nullptr) return IllegalArgumentError(kNoValueMessage);
     return *value;
   }
+
+  // The stored value for `key`, or null (see PeekAssociatedUuid).
+  const Uuid* FindAssociatedUuid(const Uuid& key) const noexcept { return _uuidAssTable.Find(key); }
 
   Result<void> AssociateId(const InternedId& source, const InternedId& target) noexcept override {
     if (source.IsEmpty() || target.IsEmpty()) return IllegalArgumentError(kInvalidKeyMessage);
@@ -131,6 +137,19 @@ const StaticFunction kStatics[] = {
 };
 
 }  // namespace
+
+Result<const Uuid*> PeekAssociatedUuid(const CharacterAssociation& association, const Uuid& key,
+                                       Uuid& holder) noexcept {
+  // The class is final: an equal type is exactly this class.
+  if (typeid(association) == typeid(CharacterAssociationImpl)) {
+    const Uuid* value =
+        static_cast<const CharacterAssociationImpl&>(association).FindAssociatedUuid(key);
+    if (value != nullptr) return value;
+  }
+  // Other classes, and a missing key, whose error GetAssociatedUuid raises.
+  holder = TARNI_TRY(association.GetAssociatedUuid(key));
+  return &holder;
+}
 
 const ClassRecord kCharacterAssociationClass{CharacterAssociation::kClassId,
                                              "CharacterAssociationImpl",

@@ -2,6 +2,7 @@
 
 #include "character/lookups.h"
 #include "character/nodeinfocomponent.h"
+#include "character/posenodes.h"
 #include "module/units.h"
 #include "tarni/characternodetransform.h"
 
@@ -13,6 +14,14 @@ class CharacterNodeTransformImpl final : public NodeInfoComponent<CharacterNodeT
  public:
   // The copy constructor copies the matrices and shares the node-info fields, as CopyFrom does.
   static constexpr bool kCloneByCopyConstructor = true;
+  CharacterNodeTransformImpl() noexcept = default;
+  CharacterNodeTransformImpl(const CharacterNodeTransformImpl&) noexcept = default;
+  // The copy under another Uuid that CopyNodeWithUuid makes.
+  CharacterNodeTransformImpl(const CharacterNodeTransformImpl& source, const Uuid& uuid) noexcept
+      : NodeInfoComponent(source, uuid),
+        _globalMat(source._globalMat),
+        _parentGlobalMat(source._parentGlobalMat),
+        _preMultiplyMat(source._preMultiplyMat) {}
 
   void SetGlobalMatrix(const Matrix& matrix) noexcept override { _globalMat = matrix; }
   const Matrix& GetGlobalMatrix() const noexcept override { return _globalMat; }
@@ -91,6 +100,25 @@ const CharacterNodeTransformRef* FindFirstNode(const BaseArray<CharacterNodeTran
     if (uuid == id) return &node;
   }
   return nullptr;
+}
+
+Result<CharacterNodeTransformRef> CopyNodeWithUuid(const CharacterNodeTransformRef& node,
+                                                   const Uuid& uuid) noexcept {
+  const CharacterNodeTransform* source = node.Get();
+  if (source == nullptr || typeid(*source) != typeid(CharacterNodeTransformImpl)) {
+    CharacterNodeTransformRef copy = TARNI_TRY(CharacterNodeTransformRef::WritableCopyOf(node));
+    TARNI_TRY(TARNI_TRY(copy.MakeWritable())->SetUuid(uuid));
+    return copy;
+  }
+  // As the class's copy-construct: every member is set by the constructor, so the memory is not
+  // cleared first, and Object's operator delete frees it.
+  const auto& own = static_cast<const CharacterNodeTransformImpl&>(*source);
+  void* memory = Allocate(sizeof(CharacterNodeTransformImpl));
+  if (memory == nullptr) return CharacterNodeTransformRef::CloneFailedError();
+  auto* copy = ::new (memory) CharacterNodeTransformImpl(own, uuid);
+  copy->SetClass(own.GetClass());
+  return CharacterNodeTransformRef(
+      Ref<CharacterNodeTransform>::AdoptNew(static_cast<CharacterNodeTransform*>(copy)));
 }
 
 const ClassRecord kCharacterNodeTransformClass{CharacterNodeTransform::kClassId,

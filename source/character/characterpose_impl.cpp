@@ -92,7 +92,7 @@ Result<CharacterPoseRef> CopyPoseWithNodes(const CharacterPoseRef& pose,
   // The copy the shared pose's copy-construct would make, minus the array it would copy only to
   // have it replaced at once. The class keeps no other state.
   Ref<CharacterPoseImpl> fresh = Ref<CharacterPoseImpl>::AdoptNew(new CharacterPoseImpl());
-  if (!fresh) return NullReferenceError("Copy-on-write reference could not be made writable.");
+  if (!fresh) return CharacterPoseRef::CloneFailedError();
   fresh->SetClass(shared->GetClass());
   TARNI_TRY(fresh->Init());
   fresh->TakeNodeTransformArray(std::move(nodes));

@@ -3,6 +3,7 @@
 // interfaces for objects of other classes.
 #pragma once
 
+#include "tarni/characterassociation.h"
 #include "tarni/characterpose.h"
 #include "tarni/charactersolverconfiguration.h"
 
@@ -13,6 +14,12 @@ namespace tarni::ca {
 // valid while the array is neither changed nor released.
 const CharacterNodeTransformRef* FindFirstNode(const BaseArray<CharacterNodeTransformRef>& nodes,
                                                const Uuid& id) noexcept;
+
+// The Uuid GetAssociatedUuid(key) gives, without copying it: for this module's own association
+// class a pointer into the table, valid while the association is neither changed nor released;
+// for other classes into `holder`. Fails exactly as GetAssociatedUuid does.
+Result<const Uuid*> PeekAssociatedUuid(const CharacterAssociation& association, const Uuid& key,
+                                       Uuid& holder) noexcept;
 
 // The setting GetBodyPartSetting(identifier) gives, or null when there is none, without taking a
 // reference: for this module's own configuration class the pointer is valid while the

@@ -12,6 +12,10 @@ namespace tarni::ca {
 template <typename Base>
 class NodeInfoComponent : public Base {
  public:
+  NodeInfoComponent() noexcept = default;
+  NodeInfoComponent(const NodeInfoComponent&) noexcept = default;
+  NodeInfoComponent& operator=(const NodeInfoComponent&) noexcept = default;
+
   Result<void> SetUuid(const Uuid& uuid) noexcept override {
     _objectID = uuid;
     return OK;
@@ -36,6 +40,9 @@ class NodeInfoComponent : public Base {
     _objectID.AppendText(out, format);
     out.Append("\nObject Name : ").Append(_objectName).Append('\n');
   }
+  // A copy of `source` under the Uuid `uuid`: the name is shared, the old Uuid is not taken.
+  NodeInfoComponent(const NodeInfoComponent& source, const Uuid& uuid) noexcept
+      : Base(source), _objectID(uuid), _objectName(source._objectName) {}
   // Shares both fields with the source (one more reference each).
   void CopyNodeInfoFrom(const NodeInfoComponent& source) noexcept {
     _objectID = source._objectID;

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "character/lookups.h"
 #include "character/posenodes.h"
 #include "module/units.h"
 #include "tarni/describe.h"
@@ -185,11 +186,10 @@ class RetargetBaseHelperImpl final : public RetargetBaseHelper {
     TARNI_TRY(renamed.EnsureCapacity(nodes.GetCount()));
     for (const CharacterNodeTransformRef& node : nodes) {
       if (!node) return NullReferenceError("Pose holds an empty node.");
-      const Uuid target = TARNI_TRY(association->GetAssociatedUuid(node->GetUuid()));
+      Uuid holder;
+      const Uuid* target = TARNI_TRY(PeekAssociatedUuid(*association, node->GetUuid(), holder));
       // A writable copy, so the input pose's node keeps its Uuid.
-      CharacterNodeTransformRef copy = TARNI_TRY(CharacterNodeTransformRef::WritableCopyOf(node));
-      TARNI_TRY(TARNI_TRY(copy.MakeWritable())->SetUuid(target));
-      TARNI_TRY(renamed.Append(std::move(copy)));
+      TARNI_TRY(renamed.Append(TARNI_TRY(CopyNodeWithUuid(node, *target))));
     }
     return CopyPoseWithNodes(pose, std::move(renamed));
   }

@@ -29,19 +29,51 @@ namespace tarni::ca {
 
 // ---------------------------------------------------------------------------------------------
 // Matrices
+//
+// Defined inline: the delta extraction and application call them for every node, and a matrix
+// handed back through memory is read back at once (a stall the inlined code avoids).
+
+namespace detail {
+// det = v1 . (v2 x v3).
+constexpr Float64 Determinant(const Matrix& m) noexcept { return Dot(m.v1, Cross(m.v2, m.v3)); }
+// The rows of the inverse 3x3 part are the cofactor vectors over det; the caller has ruled out
+// det == 0.0. Returned as a Matrix (axes = columns), offset zero.
+constexpr Matrix AdjugateOverDeterminant(const Matrix& m, Float64 det) noexcept {
+  const Vector r1 = Cross(m.v2, m.v3);
+  const Vector r2 = Cross(m.v3, m.v1);
+  const Vector r3 = Cross(m.v1, m.v2);
+  return {Vector{0.0, 0.0, 0.0}, Vector{r1.x / det, r2.x / det, r3.x / det},
+          Vector{r1.y / det, r2.y / det, r3.y / det}, Vector{r1.z / det, r2.z / det, r3.z / det}};
+}
+}  // namespace detail
 
 // The inverse of an affine matrix: the adjugate of the 3x3 part over det = v1 . (v2 x v3), and the
 // offset -(inverse 3x3) * off, so that m * InvertMatrix(m) is the identity. A determinant of
 // exactly 0.0 yields the identity (zero offset) and is not an error.
-Matrix InvertMatrix(const Matrix& m) noexcept;
+constexpr Matrix InvertMatrix(const Matrix& m) noexcept {
+  const Float64 det = detail::Determinant(m);
+  if (det == 0.0) return Matrix{};
+  Matrix inverse = detail::AdjugateOverDeterminant(m, det);
+  inverse.off = -TransformVector(inverse, m.off);
+  return inverse;
+}
 
 // The inverse of the 3x3 part alone; the offset of m is ignored and the result's offset is zero.
 // A determinant of exactly 0.0 yields the identity.
-Matrix Invert3x3(const Matrix& m) noexcept;
+constexpr Matrix Invert3x3(const Matrix& m) noexcept {
+  const Float64 det = detail::Determinant(m);
+  if (det == 0.0) return Matrix{};
+  return detail::AdjugateOverDeterminant(m, det);
+}
 
 // The product of the 3x3 parts, a applied after b: result.vk = a.v1 * b.vk.x + a.v2 * b.vk.y +
 // a.v3 * b.vk.z. The offsets of both operands are ignored and the result's offset is zero.
-Matrix Multiply3x3(const Matrix& a, const Matrix& b) noexcept;
+constexpr Matrix Multiply3x3(const Matrix& a, const Matrix& b) noexcept {
+  // The axes of a * b are exactly the 3x3 product; only the offset has to go.
+  Matrix product = a * b;
+  product.off = Vector{0.0, 0.0, 0.0};
+  return product;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Rotations as rows

@@ -1,0 +1,188 @@
+// The module-internal shortcuts of a solved frame: poses and nodes copied straight into their new
+// state, and lookups that read the module's own classes without new references. Each must give
+// what the interface calls it replaces give, and leave the caller's objects as they were.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "source/character/lookups.h"
+#include "source/character/posenodes.h"
+#include "tarni/characterbodypartsolversetting.h"
+#include "tarni/classes.h"
+
+namespace tarni {
+namespace {
+
+using namespace tarni::literals;
+using ca::CopyNodeWithUuid;
+using ca::CopyPoseWithNodes;
+using ca::FindFirstNode;
+using ca::PeekAssociatedUuid;
+using ca::PeekBodyPartSetting;
+
+Uuid U(std::uint64_t low) { return Uuid::Make(0, low).value(); }
+std::int32_t Holders(const Object* object) { return object->GetRefCount(); }
+const Object* ObjectOf(const CharacterNodeTransformRef& node) { return node.GetRef().ObjectOf(); }
+
+CharacterNodeTransformRef Node(std::uint64_t low, double x = 0.0) {
+  return CreateNodeTransform(U(low), Matrix{{x, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}}, Matrix{})
+      .value();
+}
+BaseArray<CharacterNodeTransformRef> Array(const std::vector<CharacterNodeTransformRef>& nodes) {
+  BaseArray<CharacterNodeTransformRef> array;
+  for (const auto& node : nodes) EXPECT_TRUE(array.Append(node));
+  return array;
+}
+CharacterPoseRef Pose(const std::vector<CharacterNodeTransformRef>& nodes) {
+  CharacterPoseRef pose(CreateObject<CharacterPose>(CharacterPose::kClassId).value());
+  EXPECT_TRUE(pose.MakeWritable().value()->SetNodeTransformArray(Array(nodes)));
+  return pose;
+}
+
+TEST(PoseNodes, CopyPoseWithNodesLeavesTheSourcePose) {
+  const CharacterNodeTransformRef a = Node(1);
+  const CharacterNodeTransformRef b = Node(2);
+  const CharacterPoseRef source = Pose({a, b});
+  // The copy is another pose of the same class holding the new nodes in order; the source keeps
+  // its nodes and its holders.
+  {
+    const CharacterNodeTransformRef c = Node(3);
+    CharacterPoseRef copy = CopyPoseWithNodes(source, Array({c, c, nullptr})).value();
+    EXPECT_FALSE(copy == source);
+    EXPECT_EQ(copy.GetRef().ObjectOf()->GetClass(), source.GetRef().ObjectOf()->GetClass());
+    ASSERT_EQ(copy->GetNodeTransformCount(), 3);
+    EXPECT_TRUE(copy->GetNodeTransformArray()[0] == c);
+    EXPECT_TRUE(copy->GetNodeTransformArray()[1] == c);
+    EXPECT_FALSE(copy->GetNodeTransformArray()[2]);
+    EXPECT_EQ(Holders(ObjectOf(c)), 3);  // the moved-in array's references, not copies of them
+    EXPECT_EQ(source->GetNodeTransformCount(), 2);
+    EXPECT_TRUE(source->GetNodeTransformArray()[0] == a);
+    EXPECT_EQ(Holders(source.GetRef().ObjectOf()), 1);
+    EXPECT_EQ(Holders(ObjectOf(a)), 2);
+    // The copy is the caller's alone, so writing it clones nothing.
+    const CharacterPose* before = copy.Get();
+    EXPECT_EQ(copy.MakeWritable().value(), before);
+  }
+  // An empty pose reference fails as MakeWritable does.
+  {
+    Result<CharacterPoseRef> copy = CopyPoseWithNodes(CharacterPoseRef(), Array({a}));
+    ASSERT_FALSE(copy);
+    EXPECT_TRUE(copy.error().Is(ErrorKind::kNullReference));
+    EXPECT_EQ(copy.error().GetMessage(), "Copy-on-write reference is empty.");
+  }
+  // No memory for the new pose: the copy-on-write error.
+  {
+    BaseArray<CharacterNodeTransformRef> nodes = Array({a});
+    fault::FailNthAllocation(1);
+    Result<CharacterPoseRef> copy = CopyPoseWithNodes(source, std::move(nodes));
+    fault::Disarm();
+    ASSERT_FALSE(copy);
+    EXPECT_EQ(copy.error().GetMessage(), "Copy-on-write reference could not be made writable.");
+    // The array was not taken: the caller still holds it.
+    ASSERT_EQ(nodes.GetCount(), 1);
+    EXPECT_EQ(Holders(ObjectOf(a)), 3);
+  }
+}
+
+TEST(PoseNodes, CopyNodeWithUuidRenamesOnlyTheCopy) {
+  CharacterNodeTransformRef node = Node(1, 4.0);
+  ASSERT_TRUE(node.MakeWritable().value()->SetName("Hand"_s));
+  node.MakeWritable().value()->SetPreMultiplyMatrix(
+      Matrix{{1, 2, 3}, {2, 0, 0}, {0, 2, 0}, {0, 0, 2}});
+  const Uuid renamed = U(9);
+  // The copy has the new Uuid (the very id data given) and everything else of the source; the
+  // source keeps its Uuid and its one holder.
+  {
+    CharacterNodeTransformRef copy = CopyNodeWithUuid(node, renamed).value();
+    EXPECT_FALSE(copy == node);
+    EXPECT_TRUE(copy->GetUuid().SharesData(renamed));
+    EXPECT_TRUE(copy->GetName().SharesData(node->GetName()));
+    EXPECT_EQ(copy->GetGlobalMatrix(), node->GetGlobalMatrix());
+    EXPECT_EQ(copy->GetParentGlobalMatrix(), node->GetParentGlobalMatrix());
+    EXPECT_EQ(copy->GetPreMultiplyMatrix(), node->GetPreMultiplyMatrix());
+    EXPECT_EQ(ObjectOf(copy)->GetClass(), ObjectOf(node)->GetClass());
+    EXPECT_EQ(node->GetUuid(), U(1));
+    EXPECT_EQ(Holders(ObjectOf(node)), 1);
+    EXPECT_EQ(Holders(ObjectOf(copy)), 1);
+    // Its text is a node's text under the new id.
+    EXPECT_NE(copy->ToString().GetView().find("00000000-0000-0000-0000-000000000009"),
+              std::string_view::npos);
+  }
+  // An empty node fails as WritableCopyOf does.
+  {
+    Result<CharacterNodeTransformRef> copy = CopyNodeWithUuid(CharacterNodeTransformRef(), renamed);
+    ASSERT_FALSE(copy);
+    EXPECT_EQ(copy.error().GetMessage(), "Copy-on-write reference is empty.");
+  }
+  // No memory for the copy: the copy-on-write error.
+  {
+    fault::FailNthAllocation(1);
+    Result<CharacterNodeTransformRef> copy = CopyNodeWithUuid(node, renamed);
+    fault::Disarm();
+    ASSERT_FALSE(copy);
+    EXPECT_TRUE(copy.error().Is(ErrorKind::kNullReference));
+    EXPECT_EQ(copy.error().GetMessage(), "Copy-on-write reference could not be made writable.");
+  }
+}
+
+TEST(FrameLookups, FindFirstNodeKeepsTheFirstMatchRule) {
+  const CharacterNodeTransformRef first = Node(5, 1.0);
+  const CharacterNodeTransformRef second = Node(5, 2.0);
+  const CharacterNodeTransformRef other = Node(6);
+  const BaseArray<CharacterNodeTransformRef> nodes = Array({other, first, nullptr, second});
+  // Of two nodes with one Uuid the first in array order wins, matched by value as well as by
+  // shared id data.
+  EXPECT_EQ(FindFirstNode(nodes, U(5)), &nodes[1]);
+  EXPECT_EQ(FindFirstNode(nodes, first->GetUuid()), &nodes[1]);
+  // The empty element stands for the empty Uuid, which equals the nil value.
+  EXPECT_EQ(FindFirstNode(nodes, Uuid()), &nodes[2]);
+  EXPECT_EQ(FindFirstNode(nodes, Uuid::Make(0, 0).value()), &nodes[2]);
+  // No match, and an empty array.
+  EXPECT_EQ(FindFirstNode(nodes, U(7)), nullptr);
+  EXPECT_EQ(FindFirstNode(BaseArray<CharacterNodeTransformRef>(), Uuid()), nullptr);
+  // The pose's own lookup follows the same rule.
+  const CharacterPoseRef pose = Pose({other, first, nullptr, second});
+  EXPECT_TRUE(pose->GetNodeTransformByID(U(5)).value() == first);
+  EXPECT_FALSE(pose->GetNodeTransformByID(Uuid()).value());
+  EXPECT_FALSE(pose->GetNodeTransformByID(U(7)).value());
+}
+
+TEST(FrameLookups, PeeksGiveWhatTheInterfacesGive) {
+  // Body-part settings: the stored one, and null for an identifier without one.
+  {
+    CharacterSolverConfigurationRef config =
+        CreateObject<CharacterSolverConfiguration>(CharacterSolverConfiguration::kClassId).value();
+    CharacterBodyPartSolverSettingRef setting =
+        CreateObject<CharacterBodyPartSolverSetting>(CharacterBodyPartSolverSetting::kClassId)
+            .value();
+    const InternedId arm = InternedId::Make("arm").value();
+    ASSERT_TRUE(setting->SetBodyPartIdentifier(arm));
+    ASSERT_TRUE(config->SetBodyPartSetting(setting));
+    CharacterBodyPartSolverSettingRef holder;
+    EXPECT_EQ(PeekBodyPartSetting(*config, arm, holder), setting.Get());
+    EXPECT_EQ(PeekBodyPartSetting(*config, arm, holder), config->GetBodyPartSetting(arm).Get());
+    EXPECT_EQ(PeekBodyPartSetting(*config, InternedId::Make("leg").value(), holder), nullptr);
+    EXPECT_EQ(setting->GetRefCount(), 2);  // the caller's and the configuration's: none taken
+  }
+  // Associated Uuids: the stored value, and GetAssociatedUuid's own error for a missing key.
+  {
+    CharacterAssociationRef association(
+        CreateObject<CharacterAssociation>(CharacterAssociation::kClassId).value());
+    ASSERT_TRUE(association.MakeWritable().value()->AssociateUuid(U(1), U(2)));
+    Uuid holder;
+    const Uuid* value = PeekAssociatedUuid(*association, U(1), holder).value();
+    EXPECT_EQ(*value, U(2));
+    EXPECT_TRUE(value->SharesData(association->GetAssociatedUuid(U(1)).value()));
+    EXPECT_EQ(*PeekAssociatedUuid(*association, U(2), holder).value(), U(1));
+    Result<const Uuid*> missing = PeekAssociatedUuid(*association, U(3), holder);
+    ASSERT_FALSE(missing);
+    const Error expected = association->GetAssociatedUuid(U(3)).error();
+    EXPECT_TRUE(missing.error().Is(ErrorKind::kIllegalArgument));
+    EXPECT_EQ(missing.error().GetMessage(), "No value associated to this Uuid");
+    EXPECT_EQ(missing.error().GetUnit(), expected.GetUnit());
+    EXPECT_EQ(missing.error().GetLine(), expected.GetLine());
+  }
+}
+
+}  // namespace
+}  // namespace tarni
