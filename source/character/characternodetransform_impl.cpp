@@ -102,23 +102,45 @@ const CharacterNodeTransformRef* FindFirstNode(const BaseArray<CharacterNodeTran
   return nullptr;
 }
 
+namespace {
+// A node of this class, or null.
+const CharacterNodeTransformImpl* OwnNode(const CharacterNodeTransformRef& node) noexcept {
+  const CharacterNodeTransform* source = node.Get();
+  // The class is final: an equal type is exactly this class.
+  if (source == nullptr || typeid(*source) != typeid(CharacterNodeTransformImpl)) return nullptr;
+  return static_cast<const CharacterNodeTransformImpl*>(source);
+}
+
+// A new node constructed from `arguments`, as the class's copy-construct makes one: every member
+// is set by the constructor, so the memory is not cleared first, and Object's operator delete
+// frees it. Skips the interface query and the result wrapping of Clone.
+template <typename... Arguments>
+Result<CharacterNodeTransformRef> NewNode(const CharacterNodeTransformImpl& source,
+                                          const Arguments&... arguments) noexcept {
+  void* memory = Allocate(sizeof(CharacterNodeTransformImpl));
+  if (memory == nullptr) return CharacterNodeTransformRef::CloneFailedError();
+  auto* copy = ::new (memory) CharacterNodeTransformImpl(source, arguments...);
+  copy->SetClass(source.GetClass());
+  return CharacterNodeTransformRef(
+      Ref<CharacterNodeTransform>::AdoptNew(static_cast<CharacterNodeTransform*>(copy)));
+}
+}  // namespace
+
+Result<CharacterNodeTransformRef> CopyNode(const CharacterNodeTransformRef& node) noexcept {
+  const CharacterNodeTransformImpl* own = OwnNode(node);
+  if (own == nullptr) return CharacterNodeTransformRef::WritableCopyOf(node);
+  return NewNode(*own);
+}
+
 Result<CharacterNodeTransformRef> CopyNodeWithUuid(const CharacterNodeTransformRef& node,
                                                    const Uuid& uuid) noexcept {
-  const CharacterNodeTransform* source = node.Get();
-  if (source == nullptr || typeid(*source) != typeid(CharacterNodeTransformImpl)) {
+  const CharacterNodeTransformImpl* own = OwnNode(node);
+  if (own == nullptr) {
     CharacterNodeTransformRef copy = TARNI_TRY(CharacterNodeTransformRef::WritableCopyOf(node));
     TARNI_TRY(TARNI_TRY(copy.MakeWritable())->SetUuid(uuid));
     return copy;
   }
-  // As the class's copy-construct: every member is set by the constructor, so the memory is not
-  // cleared first, and Object's operator delete frees it.
-  const auto& own = static_cast<const CharacterNodeTransformImpl&>(*source);
-  void* memory = Allocate(sizeof(CharacterNodeTransformImpl));
-  if (memory == nullptr) return CharacterNodeTransformRef::CloneFailedError();
-  auto* copy = ::new (memory) CharacterNodeTransformImpl(own, uuid);
-  copy->SetClass(own.GetClass());
-  return CharacterNodeTransformRef(
-      Ref<CharacterNodeTransform>::AdoptNew(static_cast<CharacterNodeTransform*>(copy)));
+  return NewNode(*own, uuid);
 }
 
 const ClassRecord kCharacterNodeTransformClass{CharacterNodeTransform::kClassId,

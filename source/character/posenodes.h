@@ -15,6 +15,10 @@ namespace tarni::ca {
 Result<CharacterPoseRef> CopyPoseWithNodes(const CharacterPoseRef& pose,
                                            BaseArray<CharacterNodeTransformRef>&& nodes) noexcept;
 
+// What CharacterNodeTransformRef::WritableCopyOf(node) gives; for this module's own node class
+// without going through Clone's interface query.
+Result<CharacterNodeTransformRef> CopyNode(const CharacterNodeTransformRef& node) noexcept;
+
 // A writable copy of `node` whose Uuid is `uuid`: what WritableCopyOf followed by SetUuid(uuid)
 // gives. For this module's own node class the copy takes the new Uuid at once rather than sharing
 // the old one first. Fails with WritableCopyOf's errors, or SetUuid's for nodes of other classes.

@@ -30,6 +30,11 @@ class FirstMatchIndex {
   explicit FirstMatchIndex(const CharacterPose& pose) noexcept
       : _nodes(pose.GetNodeTransformArray()) {
     const Int count = _nodes.GetCount();
+    // The Uuid of each node is asked once: it is a virtual call, and the lookups compare keys.
+    if (count <= kInlineNodes) {
+      for (Int i = 0; i < count; ++i) _inlineKeys[i] = &NodeKeyOf(i);
+      _keys = _inlineKeys;
+    }
     Int slotCount = 2 * kInlineNodes;
     while (slotCount < 2 * count) slotCount *= 2;
     if (slotCount > 2 * kInlineNodes) {
@@ -50,6 +55,11 @@ class FirstMatchIndex {
   FirstMatchIndex(const FirstMatchIndex&) = delete;
   FirstMatchIndex& operator=(const FirstMatchIndex&) = delete;
 
+  // The Uuid of the element at `index` (the empty Uuid for an empty element).
+  const Uuid& KeyOf(Int index) const noexcept {
+    return _keys != nullptr ? *_keys[index] : NodeKeyOf(index);
+  }
+
   // The first element whose Uuid equals `id` (possibly an empty reference), or null when none
   // does. Valid while the pose is neither changed nor released.
   const CharacterNodeTransformRef* Find(const Uuid& id) const noexcept {
@@ -68,7 +78,7 @@ class FirstMatchIndex {
   static constexpr Int kInlineNodes = 64;
   static inline const Uuid kEmpty{};
 
-  const Uuid& KeyOf(Int index) const noexcept {
+  const Uuid& NodeKeyOf(Int index) const noexcept {
     const CharacterNodeTransformRef& node = _nodes[index];
     return node ? node->GetUuid() : kEmpty;
   }
@@ -80,6 +90,8 @@ class FirstMatchIndex {
   Int* _slots = nullptr;
   Int _mask = 0;
   Int _inlineSlots[2 * kInlineNodes];
+  const Uuid* const* _keys = nullptr;
+  const Uuid* _inlineKeys[kInlineNodes];
   BaseArray<Int> _heapSlots;
 };
 
@@ -134,15 +146,14 @@ class CharacterSolverImpl final : public CharacterSolver {
     // Both poses stay alive and unchanged while the loop reads their nodes.
     const FirstMatchIndex restIndex(*rest);
     const FirstMatchIndex sourceIndex(*sourcePose);
-    static const Uuid kEmpty;
-    for (const CharacterNodeTransformRef& element : restNodes) {
-      const Uuid& uuid = element ? element->GetUuid() : kEmpty;
+    for (Int index = 0; index < restNodes.GetCount(); ++index) {
+      const CharacterNodeTransformRef& element = restNodes[index];
+      const Uuid& uuid = restIndex.KeyOf(index);
       const CharacterNodeTransformRef* restNode = restIndex.Find(uuid);
       const CharacterNodeTransformRef* srcNode = sourceIndex.Find(uuid);
       const Matrix delta =
           NodeDelta(srcNode ? srcNode->Get() : nullptr, restNode ? restNode->Get() : nullptr);
-      CharacterNodeTransformRef copy =
-          TARNI_TRY(CharacterNodeTransformRef::WritableCopyOf(element));
+      CharacterNodeTransformRef copy = TARNI_TRY(CopyNode(element));
       TARNI_TRY(copy.MakeWritable())->SetGlobalMatrix(delta);
       TARNI_TRY(nodes.Append(std::move(copy)));  // within the capacity: cannot fail
     }

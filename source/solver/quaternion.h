@@ -18,6 +18,7 @@
 // header as their source location.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -95,13 +96,32 @@ struct RotationRows {
 //   w = 0.5 sqrt(max(0, 1 + X.x + Y.y + Z.z)), never negative.
 // A tie keeps the positive sign; deliberately, so a half turn about an axis such as (1, -1, 0)
 // comes out as the half turn about (1, 1, 0).
-Quaternion AxesToQuaternion(const Vector& X, const Vector& Y, const Vector& Z) noexcept;
+// Inline, as the matrix functions above: applying a delta calls it for every node.
+inline Quaternion AxesToQuaternion(const Vector& X, const Vector& Y, const Vector& Z) noexcept {
+  Quaternion q;
+  q.x = 0.5 * std::sqrt(std::max(0.0, 1.0 + X.x - Y.y - Z.z));
+  q.y = 0.5 * std::sqrt(std::max(0.0, 1.0 - X.x + Y.y - Z.z));
+  q.z = 0.5 * std::sqrt(std::max(0.0, 1.0 - X.x - Y.y + Z.z));
+  q.w = 0.5 * std::sqrt(std::max(0.0, 1.0 + X.x + Y.y + Z.z));
+  if (Z.y < Y.z) q.x = -q.x;
+  if (X.z < Z.x) q.y = -q.y;
+  if (Y.x < X.y) q.z = -q.z;
+  return q;
+}
 
 // The rows of the rotation of q, from q's components as they are (no normalisation):
 //   x: (1 - 2(y^2 + z^2), 2(xy + zw), 2(xz - yw))
 //   y: (2(xy - zw), 1 - 2(x^2 + z^2), 2(yz + xw))
 //   z: (2(xz + yw), 2(yz - xw), 1 - 2(x^2 + y^2))
-RotationRows QuaternionToRotationRows(const Quaternion& q) noexcept;
+constexpr RotationRows QuaternionToRotationRows(const Quaternion& q) noexcept {
+  const Float64 x = q.x;
+  const Float64 y = q.y;
+  const Float64 z = q.z;
+  const Float64 w = q.w;
+  return {Vector{1.0 - 2.0 * (y * y + z * z), 2.0 * (x * y + z * w), 2.0 * (x * z - y * w)},
+          Vector{2.0 * (x * y - z * w), 1.0 - 2.0 * (x * x + z * z), 2.0 * (y * z + x * w)},
+          Vector{2.0 * (x * z + y * w), 2.0 * (y * z - x * w), 1.0 - 2.0 * (x * x + y * y)}};
+}
 
 // Rotates the direction a by the rows: (rows.x . a, rows.y . a, rows.z . a). No offset applies.
 constexpr Vector RotateByRows(const RotationRows& rows, const Vector& a) noexcept {
