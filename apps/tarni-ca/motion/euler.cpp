@@ -1,0 +1,127 @@
+#include "motion/euler.h"
+
+#include <cmath>
+#include <numbers>
+
+namespace tarni::host {
+namespace {
+
+constexpr double kDegrees = 180.0 / std::numbers::pi;
+constexpr double kRadians = std::numbers::pi / 180.0;
+// Below this cosine of the middle angle the outer axes are taken as aligned: the first angle can
+// no longer be told apart from the third, and reading it from the matrix would give noise.
+constexpr double kLockCosine = 1e-7;
+
+// 0, 1, 2 for the X, Y and Z rotation channels; -1 for position channels.
+int RotationAxis(Channel channel) {
+  switch (channel) {
+    case Channel::kXrotation:
+      return 0;
+    case Channel::kYrotation:
+      return 1;
+    case Channel::kZrotation:
+      return 2;
+    default:
+      return -1;
+  }
+}
+
+double Component(const Vector& v, int index) { return index == 0 ? v.x : index == 1 ? v.y : v.z; }
+
+// Row `row`, column `column` of the 3x3 part: the columns are the images of the axes.
+double At(const Matrix& m, int row, int column) {
+  return Component(column == 0 ? m.v1 : column == 1 ? m.v2 : m.v3, row);
+}
+
+Matrix AxisRotation(int axis, double radians) {
+  const double c = std::cos(radians);
+  const double s = std::sin(radians);
+  Matrix m;
+  if (axis == 0) {
+    m.v2 = {0, c, s};
+    m.v3 = {0, -s, c};
+  } else if (axis == 1) {
+    m.v1 = {c, 0, -s};
+    m.v3 = {s, 0, c};
+  } else {
+    m.v1 = {c, s, 0};
+    m.v2 = {-s, c, 0};
+  }
+  return m;
+}
+
+// The angle of a rotation about `axis` alone, in radians.
+double AxisAngle(const Matrix& m, int axis) {
+  const int p = (axis + 1) % 3;
+  const int q = (axis + 2) % 3;
+  return std::atan2(At(m, q, p), At(m, p, p));
+}
+
+bool IsFinite(const Vector& v) {
+  return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z);
+}
+
+// `degrees` moved by a whole number of turns to lie nearest `reference`.
+double Unwrap(double degrees, double reference) {
+  return degrees + 360.0 * std::round((reference - degrees) / 360.0);
+}
+
+}  // namespace
+
+Matrix RotationFromChannels(const Channel* order, const double* degrees, int count) {
+  Matrix result;
+  for (int i = 0; i < count; ++i) {
+    const int axis = RotationAxis(order[i]);
+    if (axis >= 0) result = result * AxisRotation(axis, degrees[i] * kRadians);
+  }
+  return result;
+}
+
+bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double degreesOut[3],
+                       const double* previous) {
+  const int i = RotationAxis(order[0]);
+  const int j = RotationAxis(order[1]);
+  const int k = RotationAxis(order[2]);
+  if (i < 0 || j < 0 || k < 0 || i == j || j == k || i == k) return false;
+  if (!IsFinite(rotation.v1) || !IsFinite(rotation.v2) || !IsFinite(rotation.v3)) return false;
+  Matrix r = rotation;
+  r.off = {};
+
+  // R = Ri(a) Rj(b) Rk(c). For a cyclic order (XYZ, YZX, ZXY) R[i][k] = sin b,
+  // R[j][k] = -sin a cos b, R[k][k] = cos a cos b; the other three orders mirror the signs.
+  const double sign = (j - i + 3) % 3 == 1 ? 1.0 : -1.0;
+  const double cosMiddle = std::hypot(At(r, i, i), At(r, i, j));
+  const double middle = std::atan2(sign * At(r, i, k), cosMiddle);
+  double first = 0.0;
+  if (cosMiddle >= kLockCosine) {
+    first = std::atan2(-sign * At(r, j, k), At(r, k, k));
+  } else if (previous != nullptr) {
+    first = previous[0] * kRadians;
+  }
+  // The third angle from what remains once the first two are undone, so the three compose to the
+  // input exactly even where the first angle is poorly conditioned (close to gimbal lock).
+  const Matrix rest = AxisRotation(j, -middle) * AxisRotation(i, -first) * r;
+  const double third = AxisAngle(rest, k);
+
+  double primary[3] = {first * kDegrees, middle * kDegrees, third * kDegrees};
+  if (previous == nullptr) {
+    for (int n = 0; n < 3; ++n) degreesOut[n] = primary[n];
+    return true;
+  }
+  // The alternate solution: Ri(a + 180) Rj(180 - b) Rk(c + 180) is the same rotation.
+  double alternate[3] = {primary[0] + 180.0, 180.0 - primary[1], primary[2] + 180.0};
+  double distance[2] = {0.0, 0.0};
+  double* candidates[2] = {primary, alternate};
+  for (int c = 0; c < 2; ++c) {
+    for (int n = 0; n < 3; ++n) {
+      candidates[c][n] = Unwrap(candidates[c][n], previous[n]);
+      const double d = candidates[c][n] - previous[n];
+      distance[c] += d * d;
+    }
+  }
+  const double* best = distance[1] < distance[0] ? alternate : primary;
+  for (int n = 0; n < 3; ++n) degreesOut[n] = best[n];
+  return true;
+}
+
+}  // namespace tarni::host

@@ -1,0 +1,206 @@
+#include "motion/pose.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "motion/euler.h"
+
+namespace tarni::host {
+namespace {
+
+// 0, 1, 2 for the X, Y and Z position channels; -1 for rotation channels.
+int PositionAxis(Channel channel) {
+  switch (channel) {
+    case Channel::kXposition:
+      return 0;
+    case Channel::kYposition:
+      return 1;
+    case Channel::kZposition:
+      return 2;
+    default:
+      return -1;
+  }
+}
+
+bool IsRotation(Channel channel) {
+  return channel == Channel::kXrotation || channel == Channel::kYrotation ||
+         channel == Channel::kZrotation;
+}
+
+double& Component(Vector& v, int index) { return index == 0 ? v.x : index == 1 ? v.y : v.z; }
+double Component(const Vector& v, int index) { return index == 0 ? v.x : index == 1 ? v.y : v.z; }
+
+Vector Offset(const BvhJoint& joint) { return {joint.offset[0], joint.offset[1], joint.offset[2]}; }
+
+PositionMode ModeOf(std::span<const PositionMode> modes, size_t joint) {
+  return joint < modes.size() ? modes[joint] : PositionMode::kRelative;
+}
+
+// True when the joints' channels add up to channelCount and the values to whole rows of it.
+bool ValuesMatchChannels(const BvhMotion& motion) {
+  size_t channels = 0;
+  for (const BvhJoint& joint : motion.joints) channels += joint.channels.size();
+  return motion.channelCount >= 0 && channels == static_cast<size_t>(motion.channelCount) &&
+         motion.frameCount >= 0 &&
+         motion.values.size() ==
+             static_cast<size_t>(motion.frameCount) * static_cast<size_t>(motion.channelCount);
+}
+
+// The joint's local matrix from its slice of a frame row.
+Matrix JointLocal(const BvhJoint& joint, const double* values, PositionMode mode) {
+  Matrix local =
+      RotationFromChannels(joint.channels.data(), values, static_cast<int>(joint.channels.size()));
+  local.off = Offset(joint);
+  for (size_t c = 0; c < joint.channels.size(); ++c) {
+    const int axis = PositionAxis(joint.channels[c]);
+    if (axis < 0) continue;
+    double& component = Component(local.off, axis);
+    component = mode == PositionMode::kAbsolute ? values[c] : component + values[c];
+  }
+  return local;
+}
+
+// Writes one joint's channel values for `local`; `previous` is the joint's slice of the row
+// before, or null.
+void JointValues(const BvhJoint& joint, const Matrix& local, PositionMode mode,
+                 const double* previous, double* out) {
+  // The distinct rotation axes in channel order, completed with the missing ones so that any
+  // joint gets a full three-angle split; `column` says where each angle goes (-1: dropped).
+  Channel order[3];
+  int column[3] = {-1, -1, -1};
+  int count = 0;
+  for (size_t c = 0; c < joint.channels.size(); ++c) {
+    const Channel channel = joint.channels[c];
+    if (!IsRotation(channel)) continue;
+    bool seen = false;
+    for (int n = 0; n < count; ++n) seen = seen || order[n] == channel;
+    if (seen) {
+      out[c] = 0.0;  // a repeated axis: the first one carries the angle
+      continue;
+    }
+    order[count] = channel;
+    column[count] = static_cast<int>(c);
+    ++count;
+  }
+  if (count > 0) {
+    for (const Channel axis : {Channel::kXrotation, Channel::kYrotation, Channel::kZrotation}) {
+      bool seen = false;
+      for (int n = 0; n < count; ++n) seen = seen || order[n] == axis;
+      if (!seen && count < 3) order[count++] = axis;
+    }
+    double before[3] = {0.0, 0.0, 0.0};
+    for (int n = 0; n < 3; ++n) {
+      if (previous != nullptr && column[n] >= 0) before[n] = previous[column[n]];
+    }
+    double angles[3] = {0.0, 0.0, 0.0};
+    EulerFromRotation(local, order, angles, previous != nullptr ? before : nullptr);
+    for (int n = 0; n < 3; ++n) {
+      if (column[n] >= 0) out[column[n]] = angles[n];
+    }
+  }
+  for (size_t c = 0; c < joint.channels.size(); ++c) {
+    const int axis = PositionAxis(joint.channels[c]);
+    if (axis < 0) continue;
+    const double value = Component(local.off, axis);
+    out[c] = mode == PositionMode::kAbsolute ? value : value - joint.offset[axis];
+  }
+}
+
+}  // namespace
+
+void ComputeGlobals(const BvhMotion& motion, std::span<const Matrix> locals,
+                    std::vector<Matrix>& globals) {
+  const size_t count = std::min(motion.joints.size(), locals.size());
+  globals.resize(count);
+  for (size_t j = 0; j < count; ++j) {
+    const int parent = motion.joints[j].parent;
+    const bool root = parent < 0 || static_cast<size_t>(parent) >= j;
+    globals[j] = root ? locals[j] : globals[static_cast<size_t>(parent)] * locals[j];
+  }
+}
+
+void ComputeRestPose(const BvhMotion& motion, std::vector<Matrix>& locals,
+                     std::vector<Matrix>& globals) {
+  locals.assign(motion.joints.size(), Matrix{});
+  for (size_t j = 0; j < motion.joints.size(); ++j) locals[j].off = Offset(motion.joints[j]);
+  ComputeGlobals(motion, locals, globals);
+}
+
+void ComputeFrame(const BvhMotion& motion, int64_t frame, std::span<const PositionMode> modes,
+                  std::vector<Matrix>& locals, std::vector<Matrix>& globals) {
+  if (frame < 0 || frame >= motion.frameCount || !ValuesMatchChannels(motion)) {
+    ComputeRestPose(motion, locals, globals);
+    return;
+  }
+  locals.resize(motion.joints.size());
+  const double* values =
+      motion.values.data() + static_cast<size_t>(frame) * static_cast<size_t>(motion.channelCount);
+  for (size_t j = 0; j < motion.joints.size(); ++j) {
+    const BvhJoint& joint = motion.joints[j];
+    locals[j] = JointLocal(joint, values, ModeOf(modes, j));
+    values += joint.channels.size();
+  }
+  ComputeGlobals(motion, locals, globals);
+}
+
+PositionMode GuessPositionMode(const BvhMotion& motion, int joint) {
+  if (joint < 0 || static_cast<size_t>(joint) >= motion.joints.size() || motion.frameCount <= 0 ||
+      !ValuesMatchChannels(motion)) {
+    return PositionMode::kRelative;
+  }
+  const BvhJoint& info = motion.joints[static_cast<size_t>(joint)];
+  const int first = motion.ChannelOffset(joint);
+  // Absolute when |mean - offset| < |mean|, which over the channelled axes comes down to
+  // sum(offset * mean) > |offset|^2 / 2.
+  double projection = 0.0;
+  double offsetSquared = 0.0;
+  for (size_t c = 0; c < info.channels.size(); ++c) {
+    const int axis = PositionAxis(info.channels[c]);
+    if (axis < 0) continue;
+    double sum = 0.0;
+    for (int64_t f = 0; f < motion.frameCount; ++f) {
+      sum += motion.Value(f, first + static_cast<int>(c));
+    }
+    const double mean = sum / static_cast<double>(motion.frameCount);
+    projection += info.offset[axis] * mean;
+    offsetSquared += info.offset[axis] * info.offset[axis];
+  }
+  if (offsetSquared == 0.0 || !std::isfinite(projection)) return PositionMode::kRelative;
+  return projection > offsetSquared / 2.0 ? PositionMode::kAbsolute : PositionMode::kRelative;
+}
+
+std::vector<PositionMode> GuessPositionModes(const BvhMotion& motion) {
+  std::vector<PositionMode> modes(motion.joints.size());
+  for (size_t j = 0; j < modes.size(); ++j)
+    modes[j] = GuessPositionMode(motion, static_cast<int>(j));
+  return modes;
+}
+
+void RowFromLocals(const BvhMotion& motion, std::span<const PositionMode> modes,
+                   std::span<const Matrix> locals, const double* previousRow,
+                   std::span<double> row) {
+  size_t channels = 0;
+  for (const BvhJoint& joint : motion.joints) channels += joint.channels.size();
+  if (locals.size() < motion.joints.size() || row.size() < channels) return;
+  size_t column = 0;
+  for (size_t j = 0; j < motion.joints.size(); ++j) {
+    const BvhJoint& joint = motion.joints[j];
+    JointValues(joint, locals[j], ModeOf(modes, j),
+                previousRow != nullptr ? previousRow + column : nullptr, row.data() + column);
+    column += joint.channels.size();
+  }
+}
+
+bool SetFrameFromLocals(BvhMotion& motion, int64_t frame, std::span<const PositionMode> modes,
+                        std::span<const Matrix> locals) {
+  if (frame < 0 || frame >= motion.frameCount || !ValuesMatchChannels(motion) ||
+      locals.size() < motion.joints.size()) {
+    return false;
+  }
+  const size_t width = static_cast<size_t>(motion.channelCount);
+  double* row = motion.values.data() + static_cast<size_t>(frame) * width;
+  RowFromLocals(motion, modes, locals, frame > 0 ? row - width : nullptr, {row, width});
+  return true;
+}
+
+}  // namespace tarni::host
