@@ -227,6 +227,35 @@ TEST_F(ReduceJob, ReducesARealClip) {
 
 // The property every reduction keeps, on real motion: each original key lies within the
 // tolerance of the reduced curve (in the fitter's normalised units).
+TEST_F(ReduceJob, DrawsTheNamedChannelsOrRefusesUnknownOnes) {
+  CurveFile input;
+  input.fps = 30;
+  input.curves.push_back(
+      Sampled("Arm.Xrotation", 90, 30, [](double t) { return 45 * std::sin(3 * t); }));
+  input.curves.push_back(Sampled("Arm.Yrotation", 90, 30, [](double t) { return 2 * t; }));
+  WriteCurves("in.json", input);
+  // The named channel is plotted: one reduced path per panel, both curves' names in the drawing.
+  {
+    const Run run = Reduce("'" + PathOf("in.json") + "' -o '" + PathOf("out.json") + "' --svg '" +
+                           PathOf("plot.svg") + "' --channel Arm.Yrotation");
+    ASSERT_EQ(run.status, 0) << run.err;
+    const std::string svg = ReadText(PathOf("plot.svg"));
+    EXPECT_EQ(svg.rfind("<?xml", 0), 0u) << svg.substr(0, 80);
+    EXPECT_NE(svg.find("Arm.Yrotation"), std::string::npos);
+    EXPECT_EQ(svg.find("Arm.Xrotation"), std::string::npos);
+    EXPECT_NE(svg.find("</svg>"), std::string::npos);
+  }
+  // A channel that does not exist is a usage error that leaves neither file behind.
+  {
+    const Run run = Reduce("'" + PathOf("in.json") + "' -o '" + PathOf("out2.json") + "' --svg '" +
+                           PathOf("plot2.svg") + "' --channel Arm.Zrotation");
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find("no curve named 'Arm.Zrotation' to draw"), std::string::npos) << run.err;
+    EXPECT_FALSE(fs::exists(PathOf("out2.json")));
+    EXPECT_FALSE(fs::exists(PathOf("plot2.svg")));
+  }
+}
+
 TEST(BezierFitterOnClips, StaysWithinToleranceAtEveryKey) {
   int clips = 0;
   for (const char* name : kClips) {

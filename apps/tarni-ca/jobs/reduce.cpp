@@ -15,8 +15,10 @@
 #include <vector>
 
 #include "host.h"
+#include "io/atomicfile.h"
 #include "io/bvh.h"
 #include "io/curvefile.h"
+#include "motion/svg.h"
 #include "tarni/animationcommands.h"
 
 namespace tarni::host {
@@ -46,6 +48,9 @@ constexpr std::string_view kReduceUsage =
     "  --command NAME         fitter (default) or modification\n"
     "  --curve-type TYPE      with --command modification: fitted (default), linear or flatmax\n"
     "                         (flatmax also writes each curve's value range)\n"
+    "  --svg PLOT.svg         also draw the original and reduced curves of the --channel\n"
+    "                         curves (default: the first curve) as an SVG plot\n"
+    "  --channel NAME         a curve to draw, e.g. Hips.Xrotation; may be repeated\n"
     "  -h, --help             this text\n";
 
 enum class ReduceCommand { kFitter, kModification };
@@ -60,6 +65,8 @@ struct Options {
   std::optional<double> fps;
   ReduceCommand command = ReduceCommand::kFitter;
   std::optional<ModificationCurveType> curveType;
+  std::string svg;                    // where to draw the curves; empty: no drawing
+  std::vector<std::string> channels;  // the curves to draw
 };
 
 int UsageError(const std::string& message) {
@@ -129,6 +136,12 @@ int ParseOptions(int argc, char** argv, Options& options) {
         return UsageError("--curve-type needs fitted, linear or flatmax, not '" +
                           std::string(text) + "'");
       }
+    } else if (arg == "--svg") {
+      if (!value(text)) return UsageError("--svg needs a path");
+      options.svg = text;
+    } else if (arg == "--channel") {
+      if (!value(text)) return UsageError("--channel needs a curve name such as Hips.Xrotation");
+      options.channels.emplace_back(text);
     } else if (arg.size() > 1 && arg[0] == '-') {
       return UsageError("unknown option '" + std::string(arg) + "'");
     } else if (options.input.empty()) {
@@ -141,6 +154,8 @@ int ParseOptions(int argc, char** argv, Options& options) {
   if (options.output.empty()) return UsageError("no output file (-o OUTPUT.json)");
   if (options.curveType && options.command != ReduceCommand::kModification)
     return UsageError("--curve-type goes with --command modification");
+  if (!options.channels.empty() && options.svg.empty())
+    return UsageError("--channel goes with --svg PLOT.svg");
   return -1;
 }
 
@@ -340,6 +355,20 @@ int RunReduce(int argc, char** argv) {
     return kExitBadInput;
   }
 
+  // Channels to draw must exist, so a typo is reported before any file is written.
+  if (!options.svg.empty()) {
+    if (options.channels.empty() && !input.curves.empty())
+      options.channels.push_back(input.curves.front().name);
+    for (const std::string& channel : options.channels) {
+      const bool known = std::any_of(input.curves.begin(), input.curves.end(),
+                                     [&](const Curve& curve) { return curve.name == channel; });
+      if (!known) {
+        PrintError("reduce: " + options.input + ": no curve named '" + channel + "' to draw");
+        return kExitBadInput;
+      }
+    }
+  }
+
   CurveFile output;
   output.fps = input.fps;
   output.curves.resize(input.curves.size());
@@ -355,6 +384,17 @@ int RunReduce(int argc, char** argv) {
   if (!WriteCurveFile(std::filesystem::path(options.output), output, ioError)) {
     PrintError(ioError.ToText());
     return kExitFailure;
+  }
+  if (!options.svg.empty()) {
+    CurvePlotOptions plot;
+    plot.title =
+        std::filesystem::path(options.input).filename().string() + ": original and reduced";
+    const std::string drawing = CurvePlotSvg(input, output, options.channels, plot);
+    if (drawing.empty() ||
+        !WriteFileAtomically(std::filesystem::path(options.svg), drawing, ioError)) {
+      PrintError(drawing.empty() ? "reduce: out of memory while drawing" : ioError.ToText());
+      return kExitFailure;
+    }
   }
 
   const Measure measure = MeasureReduction(input, output);
