@@ -14,10 +14,10 @@ struct StringBuffer {
 }  // namespace detail
 
 namespace {
-void Retain(detail::StringBuffer* buffer) noexcept {
+void RetainBuffer(detail::StringBuffer* buffer) noexcept {
   if (buffer != nullptr) buffer->refs.fetch_add(1, std::memory_order_relaxed);
 }
-void Release(detail::StringBuffer* buffer) noexcept {
+void ReleaseBuffer(detail::StringBuffer* buffer) noexcept {
   if (buffer != nullptr && buffer->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
     buffer->~StringBuffer();
     Free(buffer);
@@ -25,15 +25,14 @@ void Release(detail::StringBuffer* buffer) noexcept {
 }
 }  // namespace
 
-String::String(const String& other) noexcept
-    : _text(other._text), _length(other._length), _buffer(other._buffer) {
-  Retain(_buffer);
-}
+void String::Retain(detail::StringBuffer* buffer) noexcept { RetainBuffer(buffer); }
+
+void String::Release(detail::StringBuffer* buffer) noexcept { ReleaseBuffer(buffer); }
 
 String& String::operator=(const String& other) noexcept {
   if (this != &other) {
-    Retain(other._buffer);
-    Release(_buffer);
+    RetainBuffer(other._buffer);
+    ReleaseBuffer(_buffer);
     _text = other._text;
     _length = other._length;
     _buffer = other._buffer;
@@ -43,7 +42,7 @@ String& String::operator=(const String& other) noexcept {
 
 String& String::operator=(String&& other) noexcept {
   if (this != &other) {
-    Release(_buffer);
+    ReleaseBuffer(_buffer);
     _text = other._text;
     _length = other._length;
     _buffer = other._buffer;
@@ -53,8 +52,6 @@ String& String::operator=(String&& other) noexcept {
   }
   return *this;
 }
-
-String::~String() { Release(_buffer); }
 
 Result<String> String::Make(std::string_view text) noexcept {
   if (text.empty()) return String();

@@ -19,7 +19,12 @@ class String {
  public:
   // The empty string.
   constexpr String() noexcept = default;
-  String(const String& other) noexcept;
+  // Literals and the empty string have no buffer to count, so copying and dropping them costs no
+  // call; node names are copied with every cloned node.
+  String(const String& other) noexcept
+      : _text(other._text), _length(other._length), _buffer(other._buffer) {
+    if (_buffer != nullptr) Retain(_buffer);
+  }
   String(String&& other) noexcept : _text(other._text), _length(other._length), _buffer(other._buffer) {
     other._text = "";
     other._length = 0;
@@ -27,7 +32,9 @@ class String {
   }
   String& operator=(const String& other) noexcept;
   String& operator=(String&& other) noexcept;
-  ~String();
+  ~String() {
+    if (_buffer != nullptr) Release(_buffer);
+  }
 
   // A string referring to static text (a literal); nothing is allocated or copied.
   static String Literal(std::string_view text) noexcept { return String(text); }
@@ -59,6 +66,9 @@ class String {
  private:
   constexpr explicit String(std::string_view literal) noexcept
       : _text(literal.data()), _length(static_cast<std::uint32_t>(literal.size())) {}
+  // One more holder of `buffer` / one holder less (the last one frees it); never null.
+  static void Retain(detail::StringBuffer* buffer) noexcept;
+  static void Release(detail::StringBuffer* buffer) noexcept;
   const char* _text = "";
   std::uint32_t _length = 0;
   detail::StringBuffer* _buffer = nullptr;  // null for literals and the empty string
