@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <type_traits>
 
 namespace tarni {
 
@@ -38,10 +39,13 @@ class Id {
   constexpr bool IsEmpty() const noexcept { return _text.empty(); }
 
   // The same text object needs no byte comparison: interface queries compare an id with itself.
+  // (Constant evaluation compares the bytes: addresses of distinct literals do not compare there.)
   constexpr bool operator==(const Id& other) const noexcept {
-    return _hash == other._hash &&
-           ((_text.data() == other._text.data() && _text.size() == other._text.size()) ||
-            _text == other._text);
+    if (_hash != other._hash) return false;
+    if (!std::is_constant_evaluated() && _text.data() == other._text.data() &&
+        _text.size() == other._text.size())
+      return true;
+    return _text == other._text;
   }
 
  private:

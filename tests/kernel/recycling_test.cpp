@@ -210,5 +210,19 @@ TEST(Error, InlineCopiesKeepTheErrorAlive) {
   EXPECT_FALSE(made);
 }
 
+TEST(Id, EqualByTextWhateverItsStorage) {
+  // In constant evaluation, and at run time for one text object or two copies of a text.
+  static_assert(Id("net.tarni.a") == Id("net.tarni.a"));
+  static_assert(!(Id("net.tarni.a") == Id("net.tarni.b")));
+  const char first[] = "net.tarni.cell";
+  const char second[] = "net.tarni.cell";
+  EXPECT_TRUE(Id::FromText(first) == Id::FromText(first));
+  EXPECT_TRUE(Id::FromText(first) == Id::FromText(second));
+  EXPECT_TRUE(Id::FromText(second) == Id("net.tarni.cell"));
+  // The same storage seen with another length is another id.
+  EXPECT_FALSE(Id::FromText(std::string_view(first, 9)) == Id::FromText(first));
+  EXPECT_FALSE(Id::FromText("net.tarni.celm") == Id::FromText(first));
+}
+
 }  // namespace
 }  // namespace tarni
