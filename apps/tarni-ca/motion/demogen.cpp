@@ -27,7 +27,7 @@ constexpr double kFootLength = 13.0;  // ankle to toe base, along +Z
 constexpr double kStance = 0.6;    // the foot is on the ground
 constexpr double kHeelOff = 0.45;  // the heel starts to rise, the foot pivots on its toe
 constexpr double kToeOffPitch = 30.0;
-constexpr double kToeLift = 4.0;  // toe clearance at mid-swing
+constexpr double kToeLift = 7.0;  // toe height at mid-swing
 
 const std::vector<Channel> kRootZxy = {Channel::kXposition, Channel::kYposition,
                                        Channel::kZposition, Channel::kZrotation,
@@ -197,7 +197,7 @@ void WalkPose(const BvhMotion& motion, const Walker& w, double cycles, double st
   // The pelvis: lowest at each heel strike, highest over the planted foot, shifted towards the
   // planted foot, turned with the forward leg and dropping on the swing side.
   const double travel = stride * cycles;
-  const Vector hipsAt = {1.5 * side, kHipHeight - 4.5 + 2.5 * std::cos(4 * kPi * (u - 0.25)),
+  const Vector hipsAt = {1.5 * side, kHipHeight - 4.0 + 2.8 * std::cos(4 * kPi * (u - 0.25)),
                          travel};
   const Matrix hipsRotation = RotY(-6 * swing) * RotZ(3 * side) * RotX(2);
   locals[static_cast<size_t>(w.hips)] = At(hipsAt, hipsRotation);

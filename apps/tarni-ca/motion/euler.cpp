@@ -10,7 +10,7 @@ constexpr double kDegrees = 180.0 / std::numbers::pi;
 constexpr double kRadians = std::numbers::pi / 180.0;
 // Below this cosine of the middle angle the outer axes are taken as aligned: the first angle can
 // no longer be told apart from the third, and reading it from the matrix would give noise.
-constexpr double kLockCosine = 1e-7;
+constexpr double kLockCosine = 1e-12;
 
 // 0, 1, 2 for the X, Y and Z rotation channels; -1 for position channels.
 int RotationAxis(Channel channel) {

@@ -175,6 +175,36 @@ struct Posed {
 
 double Across(const Vector& p, FigureView view) { return view == FigureView::kFront ? p.x : p.z; }
 
+// The room figures take: across from their root, and from bottom to top; then the scale that fits
+// them into a cell.
+struct Extent {
+  double halfWidth = 0.0;
+  double bottom = std::numeric_limits<double>::infinity();
+  double top = -std::numeric_limits<double>::infinity();
+  double scale = 1.0;
+
+  void Add(double across, double up) {
+    halfWidth = std::max(halfWidth, std::abs(across));
+    bottom = std::min(bottom, up);
+    top = std::max(top, up);
+  }
+  void Merge(const Extent& other) {
+    halfWidth = std::max(halfWidth, other.halfWidth);
+    bottom = std::min(bottom, other.bottom);
+    top = std::max(top, other.top);
+  }
+  void Settle(double width, double height) {
+    if (!(bottom <= top)) {
+      bottom = 0.0;
+      top = 1.0;
+    }
+    // Keep the ground in view when the figures stand on or near it.
+    if (bottom > 0.0 && bottom < 0.25 * (top - bottom)) bottom = 0.0;
+    if (top - bottom < 1e-9) top = bottom + 1e-9;
+    scale = std::min(width / std::max(2.0 * halfWidth, 1e-9), height / (top - bottom));
+  }
+};
+
 }  // namespace
 
 std::string StickFiguresSvg(std::span<const StickFigureRow> rows,
@@ -186,11 +216,9 @@ std::string StickFiguresSvg(std::span<const StickFigureRow> rows,
   const FigureView view = options.view;
   constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-  // Pose everything first: the scale is shared by all figures.
+  // Pose everything first: the scale depends on all figures of a row, or of the whole drawing.
   std::vector<std::vector<Posed>> posed(rows.size());
-  double halfWidth = 0.0;
-  double bottom = std::numeric_limits<double>::infinity();
-  double top = -std::numeric_limits<double>::infinity();
+  std::vector<Extent> extents(rows.size());
   size_t columns = 1;
   std::vector<Matrix> locals;
   std::vector<Matrix> globals;
@@ -220,28 +248,22 @@ std::string StickFiguresSvg(std::span<const StickFigureRow> rows,
       for (const auto* points : {&figure.joints, &figure.tips}) {
         for (const Vector& p : *points) {
           if (!Finite(p)) continue;
-          halfWidth = std::max(halfWidth, std::abs(Across(p, view) - figure.rootAcross));
-          bottom = std::min(bottom, p.y);
-          top = std::max(top, p.y);
+          extents[r].Add(Across(p, view) - figure.rootAcross, p.y);
         }
       }
       posed[r].push_back(std::move(figure));
     }
   }
-  if (!(bottom <= top)) {
-    bottom = 0.0;
-    top = 1.0;
-  }
-  // Keep the ground in view when the figures stand on or near it.
-  const double span = std::max(top - bottom, 1e-9);
-  if (bottom > 0.0 && bottom < 0.25 * span) bottom = 0.0;
-  const double height = std::max(top - bottom, 1e-9);
-  const double width = std::max(2.0 * halfWidth, 1e-9);
   constexpr double kRowTitle = 20.0;
   constexpr double kCaption = 16.0;
   const double figureWidth = cellWidth - 16.0;
   const double figureHeight = cellHeight - kCaption - 12.0;
-  const double scale = std::min(figureWidth / width, figureHeight / height);
+  if (options.shareScale) {
+    Extent all;
+    for (const Extent& extent : extents) all.Merge(extent);
+    for (Extent& extent : extents) extent = all;
+  }
+  for (Extent& extent : extents) extent.Settle(figureWidth, figureHeight);
 
   const double titleHeight = options.title.empty() ? 0.0 : kTitleHeight;
   const double rowHeight = kRowTitle + cellHeight;
@@ -259,12 +281,15 @@ std::string StickFiguresSvg(std::span<const StickFigureRow> rows,
     out += "<g class=\"row\">\n";
     Text(out, kMargin, rowTop + 15, rows[r].title, 14, "start", "font-weight=\"bold\"");
     const BvhMotion* motion = rows[r].motion;
+    const double bottom = extents[r].bottom;
+    const double top = extents[r].top;
+    const double scale = extents[r].scale;
     for (size_t c = 0; c < posed[r].size(); ++c) {
       const Posed& figure = posed[r][c];
       const double left = kMargin + static_cast<double>(c) * cellWidth;
       const double cellTop = rowTop + kRowTitle;
       const double centreX = left + cellWidth / 2;
-      const double groundY = cellTop + 6.0 + (figureHeight + height * scale) / 2.0;
+      const double groundY = cellTop + 6.0 + (figureHeight + (top - bottom) * scale) / 2.0;
       auto sx = [&](const Vector& p) {
         return centreX + (Across(p, view) - figure.rootAcross) * scale;
       };

@@ -35,16 +35,19 @@ struct StickFigureOptions {
   std::string title;         // above everything; empty: none
   double cellWidth = 180.0;  // room for one figure, in SVG user units
   double cellHeight = 240.0;
+  // One scale for all rows, so that characters compare in size; false scales each row to fit on
+  // its own (for characters measured in different units).
+  bool shareScale = true;
 };
 
 // Draws every row's character at its frames as a stick figure: one line of class "bone" from each
 // joint to its parent (so a figure has as many bones as joints minus roots), a thinner line of
 // class "tip" to each End Site, a dot per joint. Bones of joints named as left side (Left..., L
 // followed by a capital, ..._l, ....L) are blue, right side red, the rest dark grey. Each figure
-// is centred on its root's horizontal position, so travel does not move it out of its cell; one
-// scale serves all figures so that sizes compare, and figures share the ground line y = 0 when it
-// is in view. Rows without a motion get their title only. Points that are not finite are left
-// out, never written. Empty only if memory runs out.
+// is centred on its root's horizontal position, so travel does not move it out of its cell; the
+// figures of a row (or of the whole drawing, see shareScale) share one scale and the ground line
+// y = 0 when it is in view. Rows without a motion get their title only. Points that are not finite
+// are left out, never written. Empty only if memory runs out.
 std::string StickFiguresSvg(std::span<const StickFigureRow> rows,
                             const StickFigureOptions& options = {});
 
