@@ -18,6 +18,7 @@
 #include "io/atomicfile.h"
 #include "io/bvh.h"
 #include "io/curvefile.h"
+#include "motion/curveeval.h"
 #include "motion/svg.h"
 #include "tarni/animationcommands.h"
 
@@ -265,83 +266,6 @@ Result<void> RunCommand(const Options& options, const CurveFile& input, CurveFil
   return OK;
 }
 
-struct Point {
-  double x;
-  double y;
-};
-
-Point BezierPoint(const Point (&p)[4], double s) {
-  const double r = 1.0 - s;
-  const double b0 = r * r * r, b1 = 3 * r * r * s, b2 = 3 * r * s * s, b3 = s * s * s;
-  return {b0 * p[0].x + b1 * p[1].x + b2 * p[2].x + b3 * p[3].x,
-          b0 * p[0].y + b1 * p[1].y + b2 * p[2].y + b3 * p[3].y};
-}
-
-// The value of a reduced curve at `time`. Between two keys the segment runs from a key through
-// key + right tangent and next key + left tangent to the next key; a handle left at (-1, -1),
-// the value the commands write into a tangent they do not define, lies on the straight line a
-// third of the way along. Before the first and after the last key the curve holds its end value.
-double ValueAt(const std::vector<CurveKey>& keys, double time) {
-  if (keys.empty()) return 0.0;
-  if (time <= keys.front().position[0]) return keys.front().position[1];
-  if (time >= keys.back().position[0]) return keys.back().position[1];
-  const auto next = std::upper_bound(keys.begin(), keys.end(), time,
-                                     [](double t, const CurveKey& k) { return t < k.position[0]; });
-  const CurveKey& a = *(next - 1);
-  const CurveKey& b = *next;
-  if (time == a.position[0]) return a.position[1];
-  const Point p0{a.position[0], a.position[1]};
-  const Point p3{b.position[0], b.position[1]};
-  auto undefined = [](const float(&tangent)[2]) { return tangent[0] == -1 && tangent[1] == -1; };
-  const Point p1 = undefined(a.rightTangent)
-                       ? Point{p0.x + (p3.x - p0.x) / 3, p0.y + (p3.y - p0.y) / 3}
-                       : Point{p0.x + a.rightTangent[0], p0.y + a.rightTangent[1]};
-  const Point p2 = undefined(b.leftTangent)
-                       ? Point{p3.x - (p3.x - p0.x) / 3, p3.y - (p3.y - p0.y) / 3}
-                       : Point{p3.x + b.leftTangent[0], p3.y + b.leftTangent[1]};
-  const Point p[4] = {p0, p1, p2, p3};
-  // x runs from p0.x below `time` to p3.x above it: bisect for the parameter that meets it.
-  double lo = 0.0, hi = 1.0;
-  for (int i = 0; i < 64; ++i) {
-    const double mid = 0.5 * (lo + hi);
-    if (BezierPoint(p, mid).x < time)
-      lo = mid;
-    else
-      hi = mid;
-  }
-  return BezierPoint(p, 0.5 * (lo + hi)).y;
-}
-
-struct Measure {
-  size_t keysIn = 0;
-  size_t keysOut = 0;
-  double worstError = 0.0;
-  std::string worstCurve;
-  double worstTime = 0.0;
-};
-
-Measure MeasureReduction(const CurveFile& input, const CurveFile& output) {
-  Measure measure;
-  measure.worstError = -1.0;
-  for (size_t c = 0; c < input.curves.size(); ++c) {
-    const Curve& original = input.curves[c];
-    const Curve& reduced = output.curves[c];
-    measure.keysIn += original.keys.size();
-    measure.keysOut += reduced.keys.size();
-    for (const CurveKey& key : original.keys) {
-      if ((key.flags & KEYFLAG_IGNORED) != 0) continue;  // left out on purpose
-      const double error = std::fabs(ValueAt(reduced.keys, key.position[0]) - key.position[1]);
-      if (error > measure.worstError) {
-        measure.worstError = error;
-        measure.worstCurve = original.name;
-        measure.worstTime = key.position[0];
-      }
-    }
-  }
-  if (measure.worstError < 0) measure.worstError = 0;
-  return measure;
-}
-
 }  // namespace
 
 int RunReduce(int argc, char** argv) {
@@ -397,7 +321,7 @@ int RunReduce(int argc, char** argv) {
     }
   }
 
-  const Measure measure = MeasureReduction(input, output);
+  const ReductionMeasure measure = MeasureReduction(input, output);
   const double kept =
       measure.keysIn == 0 ? 0.0 : 100.0 * static_cast<double>(measure.keysOut) / measure.keysIn;
   std::printf("%s -> %s\n", options.input.c_str(), options.output.c_str());
@@ -407,7 +331,7 @@ int RunReduce(int argc, char** argv) {
   if (measure.worstCurve.empty()) {
     std::printf("  largest error: 0\n");
   } else {
-    std::printf("  largest error: %.6g (worst curve %s, at %.6g s)\n", measure.worstError,
+    std::printf("  largest error: %.6g (worst curve %s, at %.6g s)\n", measure.largestError,
                 measure.worstCurve.c_str(), measure.worstTime);
   }
   std::printf("  time:          %.3f s (%.0f keys/s)\n", seconds,
