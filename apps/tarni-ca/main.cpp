@@ -17,7 +17,7 @@
 #define TARNI_HOST_HAS_REDUCE 1
 #endif
 #include "jobs/demo.h"
-#include "jobs/inspect.h"
+#include "jobs/mappingreport.h"
 #include "jobs/retarget.h"
 
 namespace tarni::host {

@@ -103,13 +103,13 @@ tarni::Result<tarni::BaseArray<tarni::String>> MakeStrings(const std::vector<std
 tarni::Result<void> BuildBodyPartList(const Preset& preset,
                                       std::vector<tarni::CharacterBodyPartRef>& parts) {
   parts.clear();
-  for (const PresetBodyPart& spec : preset.parts) {
-    const tarni::InternedId id = TARNI_TRY(tarni::InternedId::Make(spec.id));
+  for (const PresetBodyPart& entry : preset.parts) {
+    const tarni::InternedId id = TARNI_TRY(tarni::InternedId::Make(entry.id));
     tarni::CharacterBodyPartRef part =
-        TARNI_TRY(tarni::CreateBodyPart(id, TARNI_TRY(MakeString(spec.name))));
-    TARNI_TRY(part->SetSkeletonKeywords(TARNI_TRY(MakeStrings(spec.keywords))));
-    TARNI_TRY(part->SetSkeletonDiscardKeywords(TARNI_TRY(MakeStrings(spec.discard))));
-    if (spec.parent >= 0) TARNI_TRY(parts[static_cast<size_t>(spec.parent)]->InsertChild(part));
+        TARNI_TRY(tarni::CreateBodyPart(id, TARNI_TRY(MakeString(entry.name))));
+    TARNI_TRY(part->SetSkeletonKeywords(TARNI_TRY(MakeStrings(entry.keywords))));
+    TARNI_TRY(part->SetSkeletonDiscardKeywords(TARNI_TRY(MakeStrings(entry.discard))));
+    if (entry.parent >= 0) TARNI_TRY(parts[static_cast<size_t>(entry.parent)]->InsertChild(part));
     parts.push_back(std::move(part));
   }
   if (parts.empty()) return tarni::IllegalArgumentError("The preset has no body parts.");
@@ -208,10 +208,10 @@ bool BuildCharacter(const BvhMotion& motion, std::string_view fileName, const Pr
         tarni::CreateObject<tarni::RetargetBaseHelper>(tarni::RetargetBaseHelper::kClassId));
     TARNI_TRY(helper->FillBodyPart(nodes.front(), parts.front()));
     for (size_t p = 0; p < parts.size(); ++p) {
-      const PresetBodyPart& spec = preset.parts[p];
-      if (spec.joints.empty()) continue;
+      const PresetBodyPart& entry = preset.parts[p];
+      if (entry.joints.empty()) continue;
       tarni::BaseArray<tarni::Uuid> skeleton;
-      for (const std::string& name : spec.joints)
+      for (const std::string& name : entry.joints)
         TARNI_TRY(skeleton.Append(character.uuids[static_cast<size_t>(motion.FindJoint(name))]));
       TARNI_TRY(parts[p]->SetSkeleton(skeleton));
     }
@@ -399,18 +399,18 @@ bool Retargeter::Setup(const BvhMotion& source, std::string_view sourceName,
     TARNI_TRY(_config->Validate());
     _config->SetGlobalWeight(options.weight);
     _config->SetSolvingMode(tarni::SolvingMode::SKELETONTOSKELETON);
-    for (const PresetBodyPart& spec : targetPreset.parts) {
+    for (const PresetBodyPart& entry : targetPreset.parts) {
       tarni::CharacterBodyPartSolverSettingRef setting =
           TARNI_TRY(tarni::CreateObject<tarni::CharacterBodyPartSolverSetting>(
               tarni::CharacterBodyPartSolverSetting::kClassId));
-      TARNI_TRY(setting->SetBodyPartIdentifier(TARNI_TRY(tarni::InternedId::Make(spec.id))));
-      setting->SetBodyPartWeight(spec.weight);
-      setting->SetTransformActive(tarni::TransformComponent::POSITION, spec.position);
+      TARNI_TRY(setting->SetBodyPartIdentifier(TARNI_TRY(tarni::InternedId::Make(entry.id))));
+      setting->SetBodyPartWeight(entry.weight);
+      setting->SetTransformActive(tarni::TransformComponent::POSITION, entry.position);
       // The root travels the source's path at the target's size.
       setting->SetTransformWeight(tarni::TransformComponent::POSITION, _ratio);
-      setting->SetSettingValue(tarni::BodyPartSolverSettingFlag::DEACTIVATE, spec.deactivate);
+      setting->SetSettingValue(tarni::BodyPartSolverSettingFlag::DEACTIVATE, entry.deactivate);
       setting->SetSettingValue(tarni::BodyPartSolverSettingFlag::NOPARENTWEIGHT,
-                               spec.noParentWeight);
+                               entry.noParentWeight);
       TARNI_TRY(_config->SetBodyPartSetting(setting));
     }
     return tarni::OK;

@@ -1,4 +1,4 @@
-#include "jobs/inspect.h"
+#include "jobs/mappingreport.h"
 
 #include <cstdio>
 #include <filesystem>
