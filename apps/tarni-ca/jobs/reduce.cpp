@@ -14,6 +14,7 @@
 #include <system_error>
 #include <vector>
 
+#include "curvekeys.h"
 #include "host.h"
 #include "io/atomicfile.h"
 #include "io/bvh.h"
@@ -73,13 +74,6 @@ struct Options {
 int UsageError(const std::string& message) {
   PrintError("reduce: " + message + "; see tarni-ca reduce --help");
   return kExitBadInput;
-}
-
-template <typename T>
-bool ParseNumber(std::string_view text, T& value) {
-  const char* end = text.data() + text.size();
-  auto [ptr, ec] = std::from_chars(text.data(), end, value);
-  return ec == std::errc() && ptr == end;
 }
 
 // Fills `options`; returns -1 to go on, or the exit status to end with.
@@ -178,27 +172,6 @@ bool ReadInput(const Options& options, CurveFile& curves, IoError& error) {
   if (!ReadCurveFile(std::filesystem::path(options.input), curves, error)) return false;
   if (options.fps) curves.fps = *options.fps;
   return true;
-}
-
-Key ToKey(const CurveKey& in) {
-  Key key;
-  key.flags = in.flags;
-  key.position = {in.position[0], in.position[1]};
-  key.leftTangent = {in.leftTangent[0], in.leftTangent[1]};
-  key.rightTangent = {in.rightTangent[0], in.rightTangent[1]};
-  return key;
-}
-
-CurveKey FromKey(const Key& in) {
-  CurveKey key;
-  key.flags = in.flags;
-  key.position[0] = in.position.x;
-  key.position[1] = in.position.y;
-  key.leftTangent[0] = in.leftTangent.x;
-  key.leftTangent[1] = in.leftTangent.y;
-  key.rightTangent[0] = in.rightTangent.x;
-  key.rightTangent[1] = in.rightTangent.y;
-  return key;
 }
 
 Result<KeyCurves> ToKeyCurves(const CurveFile& file) {

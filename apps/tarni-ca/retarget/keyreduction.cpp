@@ -5,33 +5,11 @@
 #include <cstdint>
 #include <limits>
 
+#include "curvekeys.h"
 #include "tarni/animationcommands.h"
 
 namespace tarni::host {
-namespace {
-
-tarni::Key ToKey(const CurveKey& in) {
-  tarni::Key key;
-  key.flags = in.flags;
-  key.position = {in.position[0], in.position[1]};
-  key.leftTangent = {in.leftTangent[0], in.leftTangent[1]};
-  key.rightTangent = {in.rightTangent[0], in.rightTangent[1]};
-  return key;
-}
-
-CurveKey FromKey(const tarni::Key& in) {
-  CurveKey key;
-  key.flags = in.flags;
-  key.position[0] = in.position.x;
-  key.position[1] = in.position.y;
-  key.leftTangent[0] = in.leftTangent.x;
-  key.leftTangent[1] = in.leftTangent.y;
-  key.rightTangent[0] = in.rightTangent.x;
-  key.rightTangent[1] = in.rightTangent.y;
-  return key;
-}
-
-}  // namespace
+namespace {}  // namespace
 
 tarni::Result<void> ReduceCurves(const CurveFile& input, float strength, CurveFile& output) {
   tarni::KeyCurves curves;
