@@ -45,6 +45,8 @@ class CharacterAssociation : public virtual Object {
   // ToString (the object's): "Uuid Association Table : \n" "{" entries "}"
   // "InternedId Association Table : \n" "{" entries "}", each entry "key->value", entries joined
   // by "," in insertion order. Deliberately no line feed between the two tables, nor at the end.
+  // Copying (CopyFrom, Clone) copies the Uuid table, then the identifier table; when memory runs
+  // out it fails with the out-of-memory error, and a table not copied keeps its own entries.
 };
 
 // Associations are held through copy-on-write references: the retarget helper makes its own

@@ -67,7 +67,8 @@ class CharacterBodyPart : public virtual CharacterNodeInfo, public virtual Hiera
   // holds a child that is not a body part.
   virtual Result<BaseArray<Uuid>> GetHierarchyControllers() const noexcept = 0;
   // The number of own controllers, or of the whole subtree when `hierarchy`. Fails as
-  // GetHierarchyControllers does for a foreign child, or with a child's own error.
+  // GetHierarchyControllers does for a foreign child, with a child's own error, or with the
+  // out-of-memory error when the children cannot be listed.
   virtual Result<Int> GetControllersCount(bool hierarchy) const noexcept = 0;
 
   // Sets or clears one setting. The index is not range-checked, deliberately: callers pass the
@@ -88,7 +89,8 @@ class CharacterBodyPart : public virtual CharacterNodeInfo, public virtual Hiera
   virtual Result<BaseArray<Uuid>> GetHierarchySkeleton() const noexcept = 0;
   // Empties the own skeleton list (its memory is released), and, when `hierarchy`, each child's
   // subtree in child order. A foreign child (null-reference error) or a child's error ends the
-  // operation; children not reached by then keep their skeleton nodes.
+  // operation; children not reached by then keep their skeleton nodes. When the children cannot
+  // be listed (out of memory), the own list is already empty and every child keeps its nodes.
   virtual Result<void> ClearSkeleton(bool hierarchy) noexcept = 0;
   // As GetControllersCount, for the skeleton nodes.
   virtual Result<Int> GetSkeletonCount(bool hierarchy) const noexcept = 0;
@@ -102,7 +104,8 @@ class CharacterBodyPart : public virtual CharacterNodeInfo, public virtual Hiera
 
   // The first body part in depth-first pre-order, this one first, whose identifier is `id` (the
   // same interned identifier, or equal non-empty texts). No match gives an empty reference, not
-  // an error. Fails with the null-reference error for a child that is not a body part.
+  // an error. Fails with the null-reference error for a child that is not a body part, or with
+  // the out-of-memory error when the walk cannot list the children; nothing changes either way.
   virtual Result<CharacterBodyPartRef> FindBodyPartByID(const InternedId& id) const noexcept = 0;
   // As FindBodyPartByID, comparing the node-info name (GetName) with `name` character by
   // character; `_name` plays no part.

@@ -30,7 +30,8 @@ class CharacterNodeInfo : public virtual Object {
 using CharacterNodeInfoRef = CowRef<CharacterNodeInfo>;
 
 // Creates a node info by class id, then SetUuid(uuid) and SetName(name). Returns the first error
-// (class not resolvable: the null-reference error).
+// (class not resolvable, or no memory for the instance: the null-reference error); on error no
+// node is returned.
 inline Result<CharacterNodeInfoRef> CreateNodeInfo(const Uuid& uuid, const String& name) noexcept {
   static constinit ClassHandle handle(CharacterNodeInfo::kClassId);
   CharacterNodeInfoRef ref(TARNI_TRY(handle.Create<CharacterNodeInfo>()));

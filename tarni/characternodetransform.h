@@ -28,7 +28,8 @@ class CharacterNodeTransform : public virtual CharacterNodeInfo {
 using CharacterNodeTransformRef = CowRef<CharacterNodeTransform>;
 
 // Creates a node transform by class id, then SetUuid, SetGlobalMatrix, SetParentGlobalMatrix; the
-// pre-multiply matrix stays identity. Returns the first error.
+// pre-multiply matrix stays identity. Returns the first error (class not resolvable, or no memory
+// for the instance: the null-reference error); on error no node is returned.
 inline Result<CharacterNodeTransformRef> CreateNodeTransform(const Uuid& uuid, const Matrix& global,
                                                              const Matrix& parentGlobal) noexcept {
   static constinit ClassHandle handle(CharacterNodeTransform::kClassId);

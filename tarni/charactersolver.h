@@ -36,8 +36,10 @@ class CharacterSolver : public virtual Object {
   // The result is a new pose; the definition's rest pose and its nodes are never changed (every
   // write goes through copy-on-write). Fails with "Illegal argument: Condition config &&
   // sourcePose not fulfilled. " for a null argument, the null-reference error when there is no
-  // rest pose (no source character or none in it), the out-of-memory error, or the error of a
-  // pose operation; on failure no pose is returned.
+  // rest pose (no source character or none in it), the out-of-memory error, the null-reference
+  // error of a node or pose copy that cannot be made, or the error of a pose operation; on
+  // failure no pose is returned. A large pose whose lookup index cannot get memory is searched
+  // without one, so that shortage alone fails nothing.
   virtual Result<CharacterPoseRef> ExtractGlobalDeltaPose(
       const CharacterSolverConfigurationRef& config,
       const CharacterPoseRef& sourcePose) const noexcept = 0;

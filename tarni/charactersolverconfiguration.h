@@ -75,6 +75,8 @@ class CharacterSolverConfiguration : public virtual Object {
   //   (each object's own text, or "nullptr"), "_bpSettings : {" id "->" setting text "," ... "}",
   //   "_globalWeight : " w (AppendFloat(out, w, -1, -3, false, ' ')), "_solvingMode : " name.
   // For a mode other than 0 and 1 the text deliberately ends after the global weight's line.
+  // Copying (CopyFrom, Clone) shares the source's characters, association and settings as the
+  // setters do; when memory runs out it fails with the out-of-memory error and changes nothing.
 };
 
 // Configurations are plain shared references.

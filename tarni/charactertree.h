@@ -34,7 +34,8 @@ using CharacterTreeRef = Ref<CharacterTree>;
 
 // Creates a tree node by class id, then SetUuid(uuid), SetName(name) and
 // SetTransformNode(isTransformNode). Returns the new node or the first error (class not
-// resolvable: the null-reference error); on error no node is returned.
+// resolvable, or no memory for the instance: the null-reference error); on error no node is
+// returned.
 inline Result<CharacterTreeRef> CreateTree(const Uuid& uuid, const String& name,
                                            bool isTransformNode) noexcept {
   static constinit ClassHandle handle(CharacterTree::kClassId);

@@ -51,7 +51,10 @@ class RetargetBaseHelper : public virtual Object {
   // still examined. A keyword matches a name when every part of it between "&&" separators occurs
   // in the name, ignoring letter case; a keyword without parts never matches.
   // Fails with the null-reference error for a null tree (when there are keywords) or body part,
-  // the out-of-memory error, or the error of a body-part or tree operation.
+  // the out-of-memory error, or the error of a body-part or tree operation. An error ends the
+  // walk: body parts filled before it keep their new skeleton, those after it their old one, and
+  // the one being filled keeps its old list, or is left empty when its new list could not be
+  // stored (the list setters' rule).
   virtual Result<void> FillBodyPart(const CharacterTreeRef& tree,
                                     const CharacterBodyPartRef& bodyPart) const noexcept = 0;
 
@@ -69,7 +72,8 @@ class RetargetBaseHelper : public virtual Object {
   // A copy of `pose` whose nodes carry the Uuids their own Uuids are associated with, in the same
   // order. The input pose and its nodes are not changed (copy-on-write). Stops at and returns the
   // first error, such as "No value associated to this Uuid" for a node without partner; a null
-  // argument or element gives the null-reference error.
+  // argument or element gives the null-reference error, and so does a node or pose copy that
+  // cannot be made; a full array gives the out-of-memory error. On failure no pose is returned.
   virtual Result<CharacterPoseRef> TranslateSrcToDestID(
       const CharacterAssociationRef& association, const CharacterPoseRef& pose) const noexcept = 0;
 

@@ -25,6 +25,7 @@ class HierarchyObject : public virtual Object {
   virtual Result<BaseArray<Ref<HierarchyObject>>> GetChildren() const noexcept = 0;
   // Inserts `child` among the children at `index` (-1 or the count: last). The child must be
   // non-null, have no parent, and not be this object or one of its ancestors (illegal argument).
+  // When memory runs out it fails with the out-of-memory error and nothing changes.
   virtual Result<void> InsertChild(const Ref<HierarchyObject>& child, Int index = -1) noexcept = 0;
   // Detaches this object from its parent and returns the reference the parent held (null for a
   // root). The children stay with this object.

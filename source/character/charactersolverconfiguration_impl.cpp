@@ -116,16 +116,18 @@ class CharacterSolverConfigurationImpl final : public CharacterSolverConfigurati
     return out.ToString();
   }
 
-  // Shares the source's characters, association and settings, as the setters do.
+  // Shares the source's characters, association and settings, as the setters do. The settings
+  // table, the only part that needs memory, goes first, so a failed copy changes nothing.
   Result<void> CopyFrom(const Object& source) noexcept override {
     const auto* other = SameClass<CharacterSolverConfigurationImpl>(source);
     if (other == nullptr) return IllegalArgumentError("Illegal argument: copy from another class.");
+    TARNI_TRY(_bpSettings.CopyFrom(other->_bpSettings));
     _sourceCharacter = other->_sourceCharacter;
     _targetCharacter = other->_targetCharacter;
     _associationSourceTarget = other->_associationSourceTarget;
     _globalWeight = other->_globalWeight;
     _solvingMode = other->_solvingMode;
-    return _bpSettings.CopyFrom(other->_bpSettings);
+    return OK;
   }
 
   Result<void> DescribeIO(Describer& describer) noexcept override {
