@@ -21,8 +21,10 @@ namespace tarni {
 // use key selection (a missing value fails with the dictionary's unresolved error, a value of
 // another type with its illegal-argument error), and writes the reduced curves back under
 // kAnimationCurvesId. A strength of at most 1e-06 writes the curves back unchanged. A curve of
-// three or more keys whose times or values are not finite, or whose times descend, fails the
-// command with the illegal-argument error; nothing is written then.
+// three or more keys whose times, values or tangents are not finite, or whose times descend, a
+// strength that is not a number, and a magnet of 1 or more over two or more curves with a project
+// frame rate of 0 or less fail the command with the illegal-argument error; nothing is written
+// then.
 inline constexpr Id kBezierFitterCommandId{"net.tarni.command.animation.timeline.bezierfitter"};
 
 // The reduced-modification-curve command. Reads the curves and the curve type, replaces each curve

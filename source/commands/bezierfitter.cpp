@@ -17,6 +17,7 @@ namespace tarni::ca {
 namespace {
 
 constexpr float kLowest = -3.4028235e38f;
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
 // Newton reparameterisations tried on one cubic before it is split.
 constexpr int kMaxIterations = 4;
 
@@ -190,13 +191,21 @@ bool IsFinite(const Key& key) noexcept {
   return std::isfinite(key.position.x) && std::isfinite(key.position.y);
 }
 
+bool HasFiniteTangents(const Key& key) noexcept {
+  return std::isfinite(key.leftTangent.x) && std::isfinite(key.leftTangent.y) &&
+         std::isfinite(key.rightTangent.x) && std::isfinite(key.rightTangent.y);
+}
+
 // What the fit needs of a curve: numbers it can do arithmetic with, and times in order (equal
-// times are allowed: they only make a steep step).
+// times are allowed: they only make a steep step). Tangents are only carried over, but one that
+// is not a number would come out of the reduction as it went in, so it is turned down as well.
 Result<void> CheckCurve(const KeyArray& curve) noexcept {
   for (Int i = 0; i < curve.GetCount(); ++i) {
     if (!IsFinite(curve[i]))
       return IllegalArgumentError(
           "Illegal argument: a key's time or value is not a finite number.");
+    if (!HasFiniteTangents(curve[i]))
+      return IllegalArgumentError("Illegal argument: a key's tangent is not a finite number.");
     if (i > 0 && curve[i].position.x < curve[i - 1].position.x)
       return IllegalArgumentError("Illegal argument: key times are not in ascending order.");
   }
@@ -380,8 +389,11 @@ Result<void> KeyFitter::FitCubic(std::span<const Key> run, Int first, Int last, 
       FitErrors(cubic.b, p, u, weights, 1, span, errors);
       float maxError = 0.0f;
       for (Int i = 1; i < span; ++i) {
-        if (errors[i] >= maxError) {  // a tie goes to the later key
-          maxError = errors[i];
+        // An error that is not a number (the arithmetic overflowed on keys far apart) is no fit
+        // at all: it must not pass for a perfect one.
+        const float error = std::isnan(errors[i]) ? kInfinity : errors[i];
+        if (error >= maxError) {  // a tie goes to the later key
+          maxError = error;
           split = task.first + i;
         }
       }
@@ -501,7 +513,16 @@ class BezierFitterCommand final : public Command {
     const std::int32_t magnet = TARNI_TRY(data.Get<std::int32_t>(kKeyReducerMagnetId));
     const bool useLockedKeys = TARNI_TRY(data.Get<bool>(kKeyReducerUseLockedKeysId));
     const bool useKeySelection = TARNI_TRY(data.Get<bool>(kKeyReducerUseKeySelectionId));
+    // A strength that is not a number compares false with everything: no fit would ever be
+    // accepted, and every curve would come back split at every key.
+    if (std::isnan(strength))
+      return IllegalArgumentError("Illegal argument: the strength is not a number.");
     if (strength <= 1e-06f) return data.SetShared(kAnimationCurvesId, curves);
+    // The magnet width is turned into seconds by the frame rate; without a positive rate there
+    // are no seconds to share.
+    if (magnet >= 1 && curves->value.GetCount() >= 2 && fps <= 0)
+      return IllegalArgumentError(
+          "Illegal argument: the magnet needs a project frame rate above 0.");
 
     const KeyCurves& input = curves->value;
     KeyCurves result;

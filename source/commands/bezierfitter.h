@@ -50,8 +50,9 @@ class KeyFitter {
  public:
   // The fitting operation (see FitKeys). Fails with the out-of-memory error when a buffer cannot
   // grow, and with the illegal-argument error for a curve of three or more keys whose times or
-  // values are not all finite ("Illegal argument: a key's time or value is not a finite number.")
-  // or whose times descend ("Illegal argument: key times are not in ascending order.").
+  // values are not all finite ("Illegal argument: a key's time or value is not a finite number."),
+  // whose tangents are not ("Illegal argument: a key's tangent is not a finite number.") or whose
+  // times descend ("Illegal argument: key times are not in ascending order.").
   Result<KeyArray> Fit(const KeyArray* curve, bool useLockedKeys, bool useKeySelection,
                        float strength) noexcept;
 
