@@ -783,7 +783,6 @@ TEST(ModuleOutOfMemory, CopyingIntoExistingObjects) {
     Ref<CommandData> data, otherData;
     Uuid a, b, c, d;
   } w;
-  const Id kOtherId{"net.tarni.test.other"};
   auto fresh = [&] {
     w = World();
     w.skeleton = MakeSkeleton(100);
