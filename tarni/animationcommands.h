@@ -24,13 +24,15 @@ namespace tarni {
 // three or more keys whose times, values or tangents are not finite, or whose times descend, a
 // strength that is not a number, and a magnet of 1 or more over two or more curves with a project
 // frame rate of 0 or less fail the command with the illegal-argument error; nothing is written
-// then.
+// then. When memory runs out it fails with the out-of-memory error and writes nothing either.
 inline constexpr Id kBezierFitterCommandId{"net.tarni.command.animation.timeline.bezierfitter"};
 
 // The reduced-modification-curve command. Reads the curves and the curve type, replaces each curve
 // as the type says (see ModificationCurveType), writes the curves back and then always writes the
 // min/max array (one entry per curve for FlatMaximum, otherwise empty). Errors of the dictionary
-// and of the fitter are passed on unchanged.
+// and of the fitter are passed on unchanged. Running out of memory before the writes fails with
+// the out-of-memory error and writes nothing; the two writes are attempted both, and the first
+// one's error is returned, so the curves may be written when the ranges could not be.
 inline constexpr Id kReducedModificationCurveCommandId{
     "net.tarni.command.animation.timeline.reducedmodificationcurve"};
 

@@ -155,6 +155,8 @@ class CommandData : public virtual Object {
   static constexpr Id kInterfaceId{"net.tarni.command.interface.commanddata"};
   using Extends = InterfaceList<>;
 
+  // Stores `value` under `key`, replacing what was there. When memory runs out it fails with the
+  // out-of-memory error and the dictionary is unchanged.
   virtual Result<void> SetValue(const Id& key, DataValue value) noexcept = 0;
   // The value stored under `key`; the unresolved error when there is none.
   virtual Result<DataValue> GetValue(const Id& key) const noexcept = 0;
