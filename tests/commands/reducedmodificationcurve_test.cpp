@@ -27,12 +27,11 @@ Outcome RunModification(const KeyCurves& curves, std::int64_t type) {
   return {std::move(out), data->GetShared<MinMaxArray>(kMinMaxArrId)};
 }
 
-void ExpectKey(const Key& key, float time, float value) {
-  EXPECT_EQ(key.flags, 0u);
-  EXPECT_EQ(key.position.x, time);
-  EXPECT_EQ(key.position.y, value);
-  for (float f : {key.leftTangent.x, key.leftTangent.y, key.rightTangent.x, key.rightTangent.y})
-    EXPECT_EQ(f, -1.0f);
+// Two fresh keys (flags 0, handles -1) at (t0, v0) and (t1, v1).
+void ExpectTwoKeys(const KeyArray& curve, float t0, float v0, float t1, float v1) {
+  ASSERT_EQ(curve.GetCount(), 2);
+  Key expected[2] = {MakeKey(t0, v0), MakeKey(t1, v1)};
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(SameBits(curve[i], expected[i])) << i;
 }
 
 TEST(ReducedModificationCurve, BuildsEachCurveType) {
@@ -42,41 +41,30 @@ TEST(ReducedModificationCurve, BuildsEachCurveType) {
   KeyArray one = MakeCurve({{4, 7}});
   KeyArray empty;
   const KeyCurves curves = MakeCurves({&curve, &one, &empty});
-
   // Flat maximum: two keys at the maximum (deliberately not the minimum), and the range; an
   // empty curve stays empty with the untouched extremes as its range.
   {
     Outcome out = RunModification(curves, 2);
-    ASSERT_TRUE(out.curves) << out.curves.error().GetMessage();
-    ASSERT_EQ(out.curves.value()[0].GetCount(), 2);
-    ExpectKey(out.curves.value()[0][0], 0, 5);
-    ExpectKey(out.curves.value()[0][1], 20, 5);
-    ASSERT_EQ(out.curves.value()[1].GetCount(), 2);
-    ExpectKey(out.curves.value()[1][0], 4, 7);
-    ExpectKey(out.curves.value()[1][1], 4, 7);
+    ASSERT_TRUE(out.curves && out.ranges) << out.curves.error().GetMessage();
+    ExpectTwoKeys(out.curves.value()[0], 0, 5, 20, 5);
+    ExpectTwoKeys(out.curves.value()[1], 4, 7, 4, 7);
     EXPECT_TRUE(out.curves.value()[2].IsEmpty());
-    ASSERT_TRUE(out.ranges);
     const MinMaxArray& ranges = out.ranges.value()->value;
     ASSERT_EQ(ranges.GetCount(), 3);
-    EXPECT_EQ(ranges[0].minimum, -1.0f);
-    EXPECT_EQ(ranges[0].maximum, 5.0f);
-    EXPECT_EQ(ranges[1].minimum, 7.0f);
-    EXPECT_EQ(ranges[1].maximum, 7.0f);
-    EXPECT_EQ(ranges[2].minimum, kFloatMax);
-    EXPECT_EQ(ranges[2].maximum, -kFloatMax);
+    const float expected[3][2] = {{-1.0f, 5.0f}, {7.0f, 7.0f}, {kFloatMax, -kFloatMax}};
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(ranges[i].minimum, expected[i][0]) << i;
+      EXPECT_EQ(ranges[i].maximum, expected[i][1]) << i;
+    }
   }
   // Linear: the first and the last key's positions; a one-key curve gives two equal positions;
   // the ranges are written, empty.
   {
     Outcome out = RunModification(curves, 1);
-    ASSERT_TRUE(out.curves);
-    ASSERT_EQ(out.curves.value()[0].GetCount(), 2);
-    ExpectKey(out.curves.value()[0][0], 0, 3);
-    ExpectKey(out.curves.value()[0][1], 20, 5);
-    ExpectKey(out.curves.value()[1][0], 4, 7);
-    ExpectKey(out.curves.value()[1][1], 4, 7);
+    ASSERT_TRUE(out.curves && out.ranges);
+    ExpectTwoKeys(out.curves.value()[0], 0, 3, 20, 5);
+    ExpectTwoKeys(out.curves.value()[1], 4, 7, 4, 7);
     EXPECT_TRUE(out.curves.value()[2].IsEmpty());
-    ASSERT_TRUE(out.ranges);
     EXPECT_TRUE(out.ranges.value()->value.IsEmpty());
   }
   // Fitted: curves of up to two keys unchanged; longer ones exactly as the fitter reduces them at
@@ -87,29 +75,55 @@ TEST(ReducedModificationCurve, BuildsEachCurveType) {
     const KeyArray longer =
         SampledCurve(120, [](double t) { return 20 * std::sin(3 * t) + t * t; });
     Outcome out = RunModification(MakeCurves({&two, &longer, &empty}), 0);
-    ASSERT_TRUE(out.curves);
-    EXPECT_TRUE(SameBits(out.curves.value()[0], two));
     auto fitted = RunFitter(MakeCurves({&longer}), {.strength = 1.0f});
-    ASSERT_TRUE(fitted);
+    ASSERT_TRUE(out.curves && out.ranges && fitted);
+    EXPECT_TRUE(SameBits(out.curves.value()[0], two));
     EXPECT_TRUE(SameBits(out.curves.value()[1], fitted.value()[0]));
     EXPECT_LT(out.curves.value()[1].GetCount(), longer.GetCount());
     EXPECT_TRUE(out.curves.value()[2].IsEmpty());
-    ASSERT_TRUE(out.ranges);
     EXPECT_TRUE(out.ranges.value()->value.IsEmpty());
   }
 }
 
-TEST(ReducedModificationCurve, UnknownTypeAndEmptySelection) {
+TEST(ReducedModificationCurve, OtherTypesEmptyInputAndErrors) {
   const KeyArray curve = MakeCurve({{0, 3}, {10, -1}, {20, 5}});
-  // Any other type: the curves value the host gave, untouched, and an empty range array.
-  for (std::int64_t type : {-1, 3, 1000}) {
+  const KeyArray bad = MakeCurve({{0, 3}, {10, -1}, {5, 5}});
+  struct Case {
+    const char* what;
+    bool setType;
+    std::int64_t type;
+    const KeyArray* second;
+    const char* error;  // null: succeeds with the host's very curves value and no ranges
+    ErrorKind kind = ErrorKind::kIllegalArgument;
+  };
+  const Case cases[] = {
+      {"type -1", true, -1, nullptr, nullptr},
+      {"type 3", true, 3, nullptr, nullptr},
+      {"type 1000", true, 1000, nullptr, nullptr},
+      {"no type: the dictionary's error", false, 0, nullptr, "No value stored under this id.",
+       ErrorKind::kUnresolved},
+      {"the fitter's error ends the command", true, 0, &bad,
+       "Illegal argument: key times are not in ascending order."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
     Ref<CommandData> data = MakeAnimationData();
-    ASSERT_TRUE(data->Set<KeyCurves>(kAnimationCurvesId, MakeCurves({&curve})));
-    ASSERT_TRUE(data->Set<std::int64_t>(kModificationCurveTypeId, type));
+    ASSERT_TRUE(data->Set<KeyCurves>(
+        kAnimationCurvesId, c.second ? MakeCurves({&curve, c.second}) : MakeCurves({&curve})));
+    if (c.setType) {
+      ASSERT_TRUE(data->Set<std::int64_t>(kModificationCurveTypeId, c.type));
+    }
     const Shared<KeyCurves> before = data->GetShared<KeyCurves>(kAnimationCurvesId).value();
     auto out = ExecuteAndReadCurves(kReducedModificationCurveCommandId, *data);
-    ASSERT_TRUE(out);
     EXPECT_EQ(data->GetShared<KeyCurves>(kAnimationCurvesId).value().Get(), before.Get());
+    if (c.error) {
+      ASSERT_FALSE(out);
+      EXPECT_TRUE(out.error().Is(c.kind));
+      EXPECT_EQ(out.error().GetMessage(), c.error);
+      EXPECT_FALSE(data->HasValue(kMinMaxArrId));
+      continue;
+    }
+    ASSERT_TRUE(out);
     EXPECT_TRUE(SameBits(out.value()[0], curve));
     auto ranges = data->GetShared<MinMaxArray>(kMinMaxArrId);
     ASSERT_TRUE(ranges);
@@ -118,43 +132,14 @@ TEST(ReducedModificationCurve, UnknownTypeAndEmptySelection) {
   // No curves at all: no curves and no ranges, for every type.
   for (std::int64_t type : {0, 1, 2}) {
     Outcome out = RunModification(KeyCurves(), type);
-    ASSERT_TRUE(out.curves);
+    ASSERT_TRUE(out.curves && out.ranges);
     EXPECT_TRUE(out.curves.value().IsEmpty());
-    ASSERT_TRUE(out.ranges);
     EXPECT_TRUE(out.ranges.value()->value.IsEmpty());
-  }
-}
-
-TEST(ReducedModificationCurve, PassesOnErrors) {
-  const KeyArray curve = MakeCurve({{0, 3}, {10, -1}, {20, 5}});
-  // No curve type: the dictionary's error, and nothing written.
-  {
-    Ref<CommandData> data = MakeAnimationData();
-    ASSERT_TRUE(data->Set<KeyCurves>(kAnimationCurvesId, MakeCurves({&curve})));
-    auto out = ExecuteAndReadCurves(kReducedModificationCurveCommandId, *data);
-    ASSERT_FALSE(out);
-    EXPECT_TRUE(out.error().Is(ErrorKind::kUnresolved));
-    EXPECT_FALSE(data->HasValue(kMinMaxArrId));
-  }
-  // The fitter's error ends the command: neither curves nor ranges are written.
-  {
-    const KeyArray bad = MakeCurve({{0, 3}, {10, -1}, {5, 5}});
-    Ref<CommandData> data = MakeAnimationData();
-    ASSERT_TRUE(data->Set<KeyCurves>(kAnimationCurvesId, MakeCurves({&curve, &bad})));
-    ASSERT_TRUE(data->Set<std::int64_t>(kModificationCurveTypeId, 0));
-    const Shared<KeyCurves> before = data->GetShared<KeyCurves>(kAnimationCurvesId).value();
-    auto out = ExecuteAndReadCurves(kReducedModificationCurveCommandId, *data);
-    ASSERT_FALSE(out);
-    EXPECT_TRUE(out.error().Is(ErrorKind::kIllegalArgument));
-    EXPECT_EQ(out.error().GetMessage(), "Illegal argument: key times are not in ascending order.");
-    EXPECT_EQ(data->GetShared<KeyCurves>(kAnimationCurvesId).value().Get(), before.Get());
-    EXPECT_FALSE(data->HasValue(kMinMaxArrId));
   }
 }
 
 TEST(AnimationData, DictionaryAndObserverCopiedByDictionaryOnly) {
   Ref<CommandData> data = MakeAnimationData();
-  ASSERT_TRUE(data);
   // Both components answer through the object.
   Ref<CommandObserver> observer = Cast<CommandObserver>(data);
   ASSERT_TRUE(observer);
