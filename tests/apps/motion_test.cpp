@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <iostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -327,16 +326,9 @@ TEST(Pose, SharedClipsRestPosesAndPositionModes) {
                        globals[static_cast<size_t>(motion.FindJoint(clip.shoulder))].off;
     EXPECT_LT(clip.armsHanging ? arm.y + 0.8 * Length(arm) : std::abs(arm.y) - 0.1 * Length(arm),
               0);
-    // The guessed modes, logged. Whatever they are, every joint must keep its distance to its
-    // parent: an absolute position read as relative would double it.
+    // Whatever modes are guessed, every joint must keep its distance to its parent: an absolute
+    // position read as relative would double it.
     const std::vector<PositionMode> modes = GuessPositionModes(motion);
-    std::cout << "[ modes    ] " << clip.file << ":";
-    for (size_t j = 0; j < motion.joints.size(); ++j) {
-      if (motion.joints[j].channels.empty() || motion.joints[j].channels.front() > kPZ) continue;
-      std::cout << " " << motion.joints[j].name << "="
-                << (modes[j] == PositionMode::kAbsolute ? "absolute" : "relative");
-    }
-    std::cout << "\n";
     for (int64_t f = 0; f < motion.frameCount; f += 97) {
       ComputeFrame(motion, f, modes, locals, globals);
       for (size_t j = 1; j < motion.joints.size(); ++j) {
