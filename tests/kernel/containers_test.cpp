@@ -2,6 +2,7 @@
 // runs out (every allocation is made to fail in turn; the asan build checks nothing leaks).
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -36,71 +37,46 @@ std::vector<std::string> Texts(const BaseArray<String>& list) {
 
 using TextList = std::vector<std::string>;
 
-TEST(BaseArray, GrowthFailuresLeaveTheArrayAsItWas) {
+TEST(BaseArray, FailedGrowthOrCopyLeavesTheArrayAsDefined) {
   BaseArray<String> list;
   auto reset = [&] { list = Strings({"a", "b", "c", "d"}); };
-  const String e = String::Make("e").value();
+  const TextList four = {"a", "b", "c", "d"};
+  const BaseArray<String> more = Strings({"p", "q", "r"});
   const String x = String::Make("x").value();
-  {
-    // Append past the capacity: out of memory and the four elements kept.
-    const auto failures = ForEachFailingAllocation(
-        reset, [&] { return list.Append(e); },
-        [&](const Result<void>& r, bool hit) {
+  // Every growing edit: out of memory with the four elements kept in order, or the edit done.
+  struct Case {
+    const char* what;
+    std::function<Result<void>()> edit;
+    TextList after;  // empty: only the count is checked
+    Int count;
+  };
+  const Case cases[] = {
+      {"append", [&] { return list.Append(x); }, {"a", "b", "c", "d", "x"}, 5},
+      {"insert", [&] { return list.Insert(1, x); }, {"a", "x", "b", "c", "d"}, 5},
+      {"append all", [&] { return list.AppendAll(more.AsSpan()); }, {}, 7},
+      {"resize", [&] { return list.Resize(100); }, {}, 100},
+      {"ensure capacity", [&] { return list.EnsureCapacity(50); }, four, 4},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const auto failures =
+        ForEachFailingAllocation(reset, c.edit, [&](const Result<void>& r, bool hit) {
           if (hit) {
             EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
-            EXPECT_EQ(Texts(list), (TextList{"a", "b", "c", "d"}));
-          } else {
-            EXPECT_TRUE(r);
-            EXPECT_EQ(Texts(list), (TextList{"a", "b", "c", "d", "e"}));
+            EXPECT_EQ(Texts(list), four);
+            return;
+          }
+          EXPECT_TRUE(r);
+          EXPECT_EQ(list.GetCount(), c.count);
+          if (!c.after.empty()) {
+            EXPECT_EQ(Texts(list), c.after);
           }
         });
     EXPECT_GT(failures, 0);
   }
-  {
-    // Resize and EnsureCapacity: the count stays.
-    ForEachFailingAllocation(
-        reset, [&] { return list.Resize(100); },
-        [&](const Result<void>& r, bool hit) {
-          EXPECT_EQ(list.GetCount(), hit ? 4 : 100);
-          if (hit) {
-            EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
-          } else {
-            EXPECT_TRUE(list[99].IsEmpty());
-          }
-        });
-    ForEachFailingAllocation(
-        reset, [&] { return list.EnsureCapacity(50); },
-        [&](const Result<void>& r, bool hit) {
-          EXPECT_EQ(r.has_error(), hit);
-          EXPECT_EQ(list.GetCount(), 4);
-          EXPECT_EQ(list.GetCapacity() >= 50, !hit);
-        });
-  }
-  {
-    // Insert in the middle: order untouched on failure.
-    ForEachFailingAllocation(
-        reset, [&] { return list.Insert(1, x); },
-        [&](const Result<void>& r, bool hit) {
-          EXPECT_EQ(r.has_error(), hit);
-          EXPECT_EQ(Texts(list),
-                    hit ? (TextList{"a", "b", "c", "d"}) : (TextList{"a", "x", "b", "c", "d"}));
-        });
-  }
-  {
-    // AppendAll appends all or none.
-    const BaseArray<String> more = Strings({"p", "q", "r"});
-    ForEachFailingAllocation(
-        reset, [&] { return list.AppendAll(more.AsSpan()); },
-        [&](const Result<void>& r, bool hit) {
-          EXPECT_EQ(r.has_error(), hit);
-          EXPECT_EQ(list.GetCount(), hit ? 4 : 7);
-        });
-  }
-}
-
-TEST(BaseArray, CopyFromLeavesTheArrayEmptyWhenMemoryRunsOut) {
+  EXPECT_GE(list.GetCapacity(), 50);
+  // A copy that runs out of memory leaves the array empty; a copy shares the elements' texts.
   const BaseArray<String> source = Strings({"1", "2", "3", "4", "5", "6", "7", "8", "9"});
-  BaseArray<String> list;
   const auto failures = ForEachFailingAllocation(
       [&] { list = Strings({"old"}); }, [&] { return ReplaceList(list, source); },
       [&](const Result<void>& r, bool hit) {
@@ -108,14 +84,11 @@ TEST(BaseArray, CopyFromLeavesTheArrayEmptyWhenMemoryRunsOut) {
           EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
           EXPECT_TRUE(list.IsEmpty());
         } else {
-          EXPECT_TRUE(r);
           EXPECT_EQ(Texts(list), Texts(source));
-          // Elements are shared copies, not new texts.
           EXPECT_TRUE(list[8].SharesData(source[8]));
         }
       });
   EXPECT_GT(failures, 0);
-
   // Room already there: nothing to allocate, nothing to fail.
   BaseArray<String> roomy;
   ASSERT_TRUE(roomy.EnsureCapacity(20));
@@ -285,64 +258,44 @@ TEST(HashMap, FailedGrowthLeavesTheMapUnchanged) {
     for (const char* key : {"a", "b", "c", "d"})
       ASSERT_TRUE(map.Insert(String::Make(key).value(), String::Make(key).value()));
   };
-  auto expectUnchanged = [&] {
-    std::vector<std::string> keys;
-    for (const auto& entry : map) keys.emplace_back(entry.key.GetView());
-    EXPECT_EQ(keys, (TextList{"a", "b", "c", "d"}));
-    for (const auto& entry : map) EXPECT_EQ(map.Find(entry.key), &entry.value);
+  HashMap<String, String> source;
+  for (const char* key : {"x", "y", "z", "w", "v", "u"})
+    ASSERT_TRUE(source.Insert(String::Make(key).value(), "1"_s));
+  // The fifth entry needs a larger table and a larger entry list; a copy needs both anew.
+  bool created = false;
+  struct Case {
+    const char* what;
+    std::function<Result<void>()> edit;
+    Int count;
   };
-  {
-    // The fifth entry needs a larger table and a larger entry list.
-    bool created = true;
-    const auto failures = ForEachFailingAllocation(
-        fill, [&] { return map.FindOrInsert("e"_s, &created); },
-        [&](const Result<HashMap<String, String>::Entry*>& r, bool hit) {
-          if (hit) {
-            EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
-            expectUnchanged();
-            EXPECT_EQ(map.Find("e"_s), nullptr);
-          } else {
-            ASSERT_TRUE(r);
-            EXPECT_TRUE(created);
-            EXPECT_EQ(map.GetCount(), 5);
+  const Case cases[] = {
+      {"find or insert", [&]() -> Result<void> { return map.FindOrInsert("e"_s, &created); }, 5},
+      {"insert", [&] { return map.Insert("e"_s, "v"_s); }, 5},
+      {"copy", [&] { return map.CopyFrom(source); }, 6},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const auto failures =
+        ForEachFailingAllocation(fill, c.edit, [&](const Result<void>& r, bool hit) {
+          if (!hit) {
+            EXPECT_TRUE(r);
+            EXPECT_EQ(map.GetCount(), c.count);
+            EXPECT_EQ(map.Find("a"_s) == nullptr, c.count == 6);
+            return;
           }
+          EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
+          std::vector<std::string> keys;
+          for (const auto& entry : map) {
+            keys.emplace_back(entry.key.GetView());
+            EXPECT_EQ(map.Find(entry.key), &entry.value);
+          }
+          EXPECT_EQ(keys, (TextList{"a", "b", "c", "d"}));
         });
     EXPECT_GE(failures, 2);
   }
-  {
-    ForEachFailingAllocation(
-        fill, [&] { return map.Insert("e"_s, "v"_s); },
-        [&](const Result<void>& r, bool hit) {
-          EXPECT_EQ(r.has_error(), hit);
-          if (hit) {
-            expectUnchanged();
-          } else {
-            EXPECT_EQ(*map.Find("e"_s), "v");
-          }
-        });
-  }
-  {
-    // CopyFrom: all of the source, or the map as it was.
-    HashMap<String, String> source;
-    for (const char* key : {"x", "y", "z", "w", "v", "u"})
-      ASSERT_TRUE(source.Insert(String::Make(key).value(), "1"_s));
-    const auto failures = ForEachFailingAllocation(
-        fill, [&] { return map.CopyFrom(source); },
-        [&](const Result<void>& r, bool hit) {
-          if (hit) {
-            EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
-            expectUnchanged();
-          } else {
-            ASSERT_TRUE(r);
-            EXPECT_EQ(map.GetCount(), 6);
-            EXPECT_NE(map.Find("u"_s), nullptr);
-            EXPECT_EQ(map.Find("a"_s), nullptr);
-          }
-        });
-    EXPECT_GE(failures, 2);
-    ASSERT_TRUE(map.CopyFrom(map));
-    EXPECT_EQ(map.GetCount(), 6);
-  }
+  EXPECT_TRUE(created);
+  ASSERT_TRUE(map.CopyFrom(map));
+  EXPECT_EQ(map.GetCount(), 6);
 }
 
 TEST(BitSet, StoresBitsWithinItsWordsOnly) {

@@ -184,45 +184,5 @@ TEST(Ref, AdoptAndDetachHandOverOneReference) {
   EXPECT_FALSE(Ref<Cell>::AdoptNew(nullptr));
 }
 
-TEST(Error, InlineCopiesKeepTheErrorAlive) {
-  // Copies and assignments of an error share it; the last holder frees it (the leak checker and
-  // the address sanitizer see the rest), and "no error" copies as no error.
-  Error none;
-  Error copyOfNone(none);
-  EXPECT_FALSE(copyOfNone);
-  Error made = IllegalStateError("Illegal state: first.");
-  {
-    Error copy(made);
-    Error assigned;
-    assigned = copy;
-    const Error& alias = assigned;
-    assigned = alias;  // the same error again keeps it
-    EXPECT_EQ(assigned.GetMessage(), "Illegal state: first.");
-    copy = IllegalArgumentError("Illegal argument: second.");
-    EXPECT_EQ(copy.GetMessage(), "Illegal argument: second.");
-    Error moved(std::move(copy));
-    EXPECT_FALSE(copy);  // NOLINT: moved-from is "no error"
-    moved = none;
-    EXPECT_FALSE(moved);
-  }
-  EXPECT_EQ(made.GetMessage(), "Illegal state: first.");
-  made = Error();
-  EXPECT_FALSE(made);
-}
-
-TEST(Id, EqualByTextWhateverItsStorage) {
-  // In constant evaluation, and at run time for one text object or two copies of a text.
-  static_assert(Id("net.tarni.a") == Id("net.tarni.a"));
-  static_assert(!(Id("net.tarni.a") == Id("net.tarni.b")));
-  const char first[] = "net.tarni.cell";
-  const char second[] = "net.tarni.cell";
-  EXPECT_TRUE(Id::FromText(first) == Id::FromText(first));
-  EXPECT_TRUE(Id::FromText(first) == Id::FromText(second));
-  EXPECT_TRUE(Id::FromText(second) == Id("net.tarni.cell"));
-  // The same storage seen with another length is another id.
-  EXPECT_FALSE(Id::FromText(std::string_view(first, 9)) == Id::FromText(first));
-  EXPECT_FALSE(Id::FromText("net.tarni.celm") == Id::FromText(first));
-}
-
 }  // namespace
 }  // namespace tarni
