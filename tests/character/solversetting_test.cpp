@@ -25,20 +25,11 @@ constexpr std::string_view kFreshText =
     "_positionWeight : 1\n_rotationWeight : 1\n_scaleWeight : 1\n"
     "_settings : NOPARENTWEIGHTfalse\n_settings : DEACTIVATEfalse\n";
 
-TEST(CharacterBodyPartSolverSetting, FreshSettingTransfersOnlyRotationAtFullWeight) {
+TEST(CharacterBodyPartSolverSetting, FieldsAreIndependentUnclampedAndBoundedByComponent) {
   CharacterBodyPartSolverSettingRef setting = MakeSetting();
-  EXPECT_EQ(setting->GetBodyPartWeight(), 1.0);
-  EXPECT_FALSE(setting->IsTransformActive(TC::POSITION));
-  EXPECT_TRUE(setting->IsTransformActive(TC::ROTATION));
-  EXPECT_FALSE(setting->IsTransformActive(TC::SCALE));
-  EXPECT_EQ(setting->GetTransformWeight(TC::SCALE), 1.0);
-  EXPECT_FALSE(setting->GetSettingValue(Flag::NOPARENTWEIGHT));
-  // The two settings lines end in their value with no separator.
+  // Fresh: only the rotation is transferred, at full weight; the two settings lines end in their
+  // value with no separator.
   EXPECT_EQ(setting->ToString().GetView(), kFreshText);
-}
-
-TEST(CharacterBodyPartSolverSetting, ComponentsOutOfRangeAreIgnoredAndValuesNeverClamped) {
-  CharacterBodyPartSolverSettingRef setting = MakeSetting();
   {
     // Component 3 and beyond: setters change nothing, getters answer the neutral value.
     setting->SetTransformWeight(TC{3}, 7.0);
@@ -49,36 +40,31 @@ TEST(CharacterBodyPartSolverSetting, ComponentsOutOfRangeAreIgnoredAndValuesNeve
     EXPECT_EQ(setting->ToString().GetView(), kFreshText);
   }
   {
-    // Each component has its own fields.
+    // Each component has its own fields, and nothing is clamped.
     setting->SetTransformWeight(TC::SCALE, 0.25);
     setting->SetTransformActive(TC::POSITION, true);
-    EXPECT_EQ(setting->GetTransformWeight(TC::POSITION), 1.0);
-    EXPECT_FALSE(setting->IsTransformActive(TC::SCALE));
-  }
-  {
-    // No clamping anywhere.
     setting->SetBodyPartWeight(-2.5);
     setting->SetTransformWeight(TC::ROTATION, 10.0);
+    EXPECT_EQ(setting->GetTransformWeight(TC::POSITION), 1.0);
+    EXPECT_FALSE(setting->IsTransformActive(TC::SCALE));
     EXPECT_EQ(setting->GetBodyPartWeight(), -2.5);
     EXPECT_EQ(setting->GetTransformWeight(TC::ROTATION), 10.0);
   }
-}
-
-TEST(CharacterBodyPartSolverSetting, SettingBitsAreIndependent) {
-  CharacterBodyPartSolverSettingRef setting = MakeSetting();
-  setting->SetSettingValue(Flag::DEACTIVATE, true);
-  EXPECT_TRUE(setting->GetSettingValue(Flag::DEACTIVATE));
-  EXPECT_FALSE(setting->GetSettingValue(Flag::NOPARENTWEIGHT));
-  setting->SetSettingValue(Flag::NOPARENTWEIGHT, true);
-  setting->SetSettingValue(Flag::DEACTIVATE, false);
-  EXPECT_TRUE(setting->GetSettingValue(Flag::NOPARENTWEIGHT));
-  EXPECT_FALSE(setting->GetSettingValue(Flag::DEACTIVATE));
-  // The last bit of the one stored word works; past it nothing is stored.
-  setting->SetSettingValue(Flag{63}, true);
-  EXPECT_TRUE(setting->GetSettingValue(Flag{63}));
-  setting->SetSettingValue(Flag{64}, true);
-  EXPECT_FALSE(setting->GetSettingValue(Flag{64}));
-  EXPECT_TRUE(setting->GetSettingValue(Flag::NOPARENTWEIGHT));
+  {
+    // Setting bits are independent; the last bit of the one stored word works, past it nothing
+    // is stored.
+    setting->SetSettingValue(Flag::DEACTIVATE, true);
+    EXPECT_FALSE(setting->GetSettingValue(Flag::NOPARENTWEIGHT));
+    setting->SetSettingValue(Flag::NOPARENTWEIGHT, true);
+    setting->SetSettingValue(Flag::DEACTIVATE, false);
+    EXPECT_TRUE(setting->GetSettingValue(Flag::NOPARENTWEIGHT));
+    EXPECT_FALSE(setting->GetSettingValue(Flag::DEACTIVATE));
+    setting->SetSettingValue(Flag{63}, true);
+    EXPECT_TRUE(setting->GetSettingValue(Flag{63}));
+    setting->SetSettingValue(Flag{64}, true);
+    EXPECT_FALSE(setting->GetSettingValue(Flag{64}));
+    EXPECT_TRUE(setting->GetSettingValue(Flag::NOPARENTWEIGHT));
+  }
 }
 
 TEST(CharacterBodyPartSolverSetting, CloneCopiesEveryFieldAndDumpRoundsToThreeDecimals) {
