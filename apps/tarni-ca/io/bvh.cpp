@@ -18,6 +18,17 @@ namespace {
 // million frames is over 23 hours at 120 frames per second; 2^31 values are 16 GiB of doubles.
 constexpr int64_t kMaxFrames = 10'000'000;
 constexpr int64_t kMaxValues = int64_t{1} << 31;
+// Frame times a clip may have. The jobs turn frames into key times of 32-bit float seconds; beyond
+// these bounds consecutive frames would get the same time, or times past the float range.
+constexpr double kMinFrameTime = 1e-6;
+constexpr double kMaxFrameTime = 1e6;
+
+// "the frame time must be between 1e-06 and 1e+06 seconds, found <text>", or empty when
+// `frameTime` (a positive number) is within the bounds.
+std::string FrameTimeRangeProblem(double frameTime, std::string_view text) {
+  if (frameTime >= kMinFrameTime && frameTime <= kMaxFrameTime) return {};
+  return "the frame time must be between 1e-06 and 1e+06 seconds, found " + std::string(text);
+}
 
 // Indentation is only for people reading a written file; past a depth no skeleton reaches it stops
 // growing, so a pathological chain of joints costs linear rather than quadratic space.
@@ -40,12 +51,23 @@ bool IEquals(std::string_view a, std::string_view b) {
   return true;
 }
 
-// A token as it appears in a message: quoted, shortened when long.
+// A token as it appears in a message: quoted, shortened when long, and with control bytes (a
+// binary file's, say) written as \xHH so the one-line message stays one printable line.
 std::string Quote(std::string_view token) {
   if (token.empty()) return "end of file";
   constexpr size_t kLimit = 40;
   std::string text = "'";
-  text += token.substr(0, kLimit);
+  for (const char c : token.substr(0, kLimit)) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      static constexpr char kHex[] = "0123456789abcdef";
+      text += "\\x";
+      text += kHex[byte >> 4];
+      text += kHex[byte & 0xf];
+    } else {
+      text += c;
+    }
+  }
   if (token.size() > kLimit) text += "...";
   text += "'";
   return text;
@@ -485,6 +507,10 @@ class BvhParser {
       return Fail(token.line, "the frame time must be a positive number of seconds, found " +
                                   std::string(token.text));
     }
+    if (std::string problem = FrameTimeRangeProblem(motion.frameTime, token.text);
+        !problem.empty()) {
+      return Fail(token.line, std::move(problem));
+    }
     SkipBlanks();
     if (p_ < end_ && !IsLineBreak(*p_)) {
       token = Next();
@@ -680,6 +706,10 @@ bool CheckBvhImpl(const BvhMotion& motion, IoError& error) {
   if (!std::isfinite(motion.frameTime) || !(motion.frameTime > 0)) {
     return CheckFail(error, "the frame time must be a positive number of seconds, found " +
                                 FormatDouble(motion.frameTime));
+  }
+  if (std::string problem = FrameTimeRangeProblem(motion.frameTime, FormatDouble(motion.frameTime));
+      !problem.empty()) {
+    return CheckFail(error, std::move(problem));
   }
   for (size_t v = 0; v < motion.values.size(); ++v) {
     if (!std::isfinite(motion.values[v])) {

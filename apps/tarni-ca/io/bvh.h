@@ -70,7 +70,8 @@ bool ReadBvh(const std::filesystem::path& path, BvhMotion& motion, IoError& erro
 // Checks that `motion` is self-consistent and writable as a file that reads back the same: one root
 // first, parents before children in pre-order, non-empty unique names that survive the file
 // format, 0..6 distinct channels per joint, channelCount and values matching the joints and
-// frameCount, finite numbers, a positive frame time. `error.file` is left empty.
+// frameCount, finite numbers, a frame time from 1e-06 to 1e+06 seconds (so that every frame gets a
+// key time of its own as a 32-bit float). `error.file` is left empty.
 bool CheckBvh(const BvhMotion& motion, IoError& error);
 
 // Formats `motion` as BVH text: tab indentation, End Site blocks where present, numbers in their

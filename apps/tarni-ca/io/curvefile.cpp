@@ -181,10 +181,16 @@ class CurveFileParser {
     const std::string_view before = text.substr(0, stop);
     const int64_t line = 1 + static_cast<int64_t>(std::count(before.begin(), before.end(), '\n'));
     // "[json.exception.parse_error.101] parse error at line 2, column 3: syntax error ..." keeps
-    // only what follows the position, which the error record gives in its own way.
+    // only what follows the position, which the error record gives in its own way; a message
+    // without a position ("[json.exception.out_of_range.406] number overflow ...") loses only its
+    // bracketed tag.
     std::string why = finder.message;
     const size_t colon = why.find(": ");
-    if (colon != std::string::npos) why = why.substr(colon + 2);
+    if (colon != std::string::npos) {
+      why = why.substr(colon + 2);
+    } else if (!why.empty() && why.front() == '[' && why.find("] ") != std::string::npos) {
+      why = why.substr(why.find("] ") + 2);
+    }
     return Fail("", "malformed JSON: " + why, line);
   }
 

@@ -2,6 +2,10 @@
 
 #include <cmath>
 #include <cstdint>
+#include <limits>
+#include <new>
+#include <string>
+#include <string_view>
 #include <type_traits>
 
 #include <nlohmann/json.hpp>
@@ -85,6 +89,100 @@ const Kind* FindKind(const Id& interfaceId) {
 
 std::string IdText(const Id& id) { return std::string(id.GetText()); }
 
+// Objects nest (a tree node in its parent's children, a definition in the configuration) and the
+// reader and writer follow them by recursion; past this depth, far beyond any skeleton, a file is
+// turned down rather than let it exhaust the stack.
+constexpr int kMaxDepth = 1000;
+
+// A member path for a message, the members in its middle left out when a deep nesting has made it
+// long.
+std::string ShortPath(const std::string& path) {
+  constexpr size_t kKeep = 60;
+  if (path.size() <= 2 * kKeep + 3) return path;
+  const size_t headEnd = path.rfind('.', kKeep);
+  const size_t tailDot = path.find('.', path.size() - kKeep);
+  if (headEnd == std::string::npos || tailDot == std::string::npos || headEnd >= tailDot)
+    return path.substr(0, kKeep) + "..." + path.substr(path.size() - kKeep);
+  return path.substr(0, headEnd) + "..." + path.substr(tailDot + 1);
+}
+
+std::string TooDeep(const std::string& where) {
+  return "objects nest deeper than " + std::to_string(kMaxDepth) + " levels at " + ShortPath(where);
+}
+
+// Counts one level of nesting for as long as it lives.
+class DepthGuard {
+ public:
+  explicit DepthGuard(int& depth) : _depth(depth) { ++_depth; }
+  ~DepthGuard() { --_depth; }
+  DepthGuard(const DepthGuard&) = delete;
+  DepthGuard& operator=(const DepthGuard&) = delete;
+  bool TooDeep() const { return _depth > kMaxDepth; }
+
+ private:
+  int& _depth;
+};
+
+// Whether `text` is well-formed UTF-8, the only text a JSON file holds. Names come from clips whose
+// bytes are the capture software's; a name in another encoding cannot be written as it is, and
+// written any other way it would no longer match its joint when read back.
+bool IsUtf8(std::string_view text) {
+  size_t i = 0;
+  while (i < text.size()) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    size_t length = 0;
+    std::uint32_t code = 0;
+    if (byte < 0x80) {
+      ++i;
+      continue;
+    } else if (byte >= 0xC2 && byte <= 0xDF) {
+      length = 2;
+      code = byte & 0x1Fu;
+    } else if (byte >= 0xE0 && byte <= 0xEF) {
+      length = 3;
+      code = byte & 0x0Fu;
+    } else if (byte >= 0xF0 && byte <= 0xF4) {
+      length = 4;
+      code = byte & 0x07u;
+    } else {
+      return false;
+    }
+    if (text.size() - i < length) return false;
+    for (size_t k = 1; k < length; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xC0u) != 0x80u) return false;
+      code = (code << 6) | (next & 0x3Fu);
+    }
+    // Overlong forms, surrogates and code points past U+10FFFF are not UTF-8.
+    if ((length == 3 && code < 0x800) || (length == 4 && (code < 0x10000 || code > 0x10FFFF)) ||
+        (code >= 0xD800 && code <= 0xDFFF))
+      return false;
+    i += length;
+  }
+  return true;
+}
+
+std::string_view TextOf(const Id& type, const void* at) {
+  if (type == tarni::types::kString) return static_cast<const tarni::String*>(at)->GetView();
+  if (type == tarni::types::kInternedId)
+    return static_cast<const tarni::InternedId*>(at)->GetText();
+  return {};
+}
+
+// Whole numbers of the JSON text must fit the member as they are: a value that would wrap around is
+// a mistake in the file, not a number to store.
+template <typename T>
+bool FitsWhole(const Json& json) {
+  if (json.is_number_unsigned())
+    return json.get<std::uint64_t>() <= static_cast<std::uint64_t>(std::numeric_limits<T>::max());
+  const std::int64_t value = json.get<std::int64_t>();
+  if constexpr (std::is_unsigned_v<T>) {
+    return value >= 0 && static_cast<std::uint64_t>(value) <= std::numeric_limits<T>::max();
+  } else {
+    return value >= std::numeric_limits<T>::min() && value <= std::numeric_limits<T>::max();
+  }
+}
+
 // ---- values --------------------------------------------------------------------------------
 
 bool IsValueType(const Id& type) {
@@ -132,19 +230,27 @@ std::string ReadValue(const Id& type, const Json& json, void* at) {
     *static_cast<bool*>(at) = json.get<bool>();
   } else if (type == kInt32 || type == tarni::kBodyPartTransferAttributeModeTypeId) {
     if (!json.is_number_integer()) return "must be a whole number";
+    if (!FitsWhole<std::int32_t>(json)) return "is out of the range of a 32-bit whole number";
     *static_cast<std::int32_t*>(at) = json.get<std::int32_t>();
   } else if (type == kUInt32) {
     if (!json.is_number_unsigned()) return "must be a whole number, 0 or more";
+    if (!FitsWhole<std::uint32_t>(json)) return "is out of the range of a 32-bit whole number";
     *static_cast<std::uint32_t*>(at) = json.get<std::uint32_t>();
   } else if (type == kInt64) {
     if (!json.is_number_integer()) return "must be a whole number";
+    if (!FitsWhole<std::int64_t>(json)) return "is out of the range of a 64-bit whole number";
     *static_cast<std::int64_t*>(at) = json.get<std::int64_t>();
   } else if (type == kFloat32 || type == kFloat64) {
     if (!json.is_number() || !std::isfinite(json.get<double>())) return "must be a number";
-    if (type == kFloat32)
-      *static_cast<float*>(at) = json.get<float>();
-    else
-      *static_cast<double*>(at) = json.get<double>();
+    const double value = json.get<double>();
+    if (type == kFloat32) {
+      // Converting a double beyond the float range is undefined, not infinity.
+      if (std::fabs(value) > std::numeric_limits<float>::max())
+        return "is out of the range of a 32-bit float";
+      *static_cast<float*>(at) = static_cast<float>(value);
+    } else {
+      *static_cast<double*>(at) = value;
+    }
   } else if (type == kUuid) {
     if (!json.is_string()) return "must be a Uuid text";
     auto uuid = tarni::Uuid::Parse(json.get<std::string>());
@@ -211,9 +317,16 @@ std::string ReadValueArray(const Id& type, const Json& json, void* at) {
 
 struct Writer {
   std::string problem;
+  int depth = 0;
 
   Json Object(const Kind& kind, tarni::Object* object, const std::string& where) {
     if (object == nullptr) return nullptr;
+    // What could not be read back is not written.
+    const DepthGuard level(depth);
+    if (level.TooDeep()) {
+      problem = TooDeep(where);
+      return nullptr;
+    }
     tarni::MemberList members;
     if (!object->DescribeIO(members)) {
       problem = where + ": its members cannot be listed";
@@ -253,18 +366,36 @@ struct Writer {
       }
       if (member.type == tarni::types::kUuid)
         return ValueArrayJson<tarni::Uuid>(member.type, member.address);
-      if (member.type == tarni::types::kString)
-        return ValueArrayJson<tarni::String>(member.type, member.address);
-      if (member.type == tarni::types::kInternedId)
-        return ValueArrayJson<tarni::InternedId>(member.type, member.address);
+      if (member.type == tarni::types::kString) return TextArray<tarni::String>(member, at);
+      if (member.type == tarni::types::kInternedId) return TextArray<tarni::InternedId>(member, at);
     } else if ((flags & tarni::kDescribeReference) != 0) {
       if (const Kind* kind = FindKind(member.type))
         return Object(*kind, kind->get(member.address), at);
     } else if (IsValueType(member.type)) {
+      if (!IsUtf8(TextOf(member.type, member.address))) {
+        problem = NotUtf8(at);
+        return nullptr;
+      }
       return ValueJson(member.type, member.address);
     }
     problem = at + " has a kind the set-up file does not know (" + IdText(member.type) + ")";
     return nullptr;
+  }
+
+  static std::string NotUtf8(const std::string& at) {
+    return at + " is not UTF-8 text, the only text a set-up file holds";
+  }
+
+  template <typename T>
+  Json TextArray(const tarni::MemberDescription& member, const std::string& at) {
+    const auto& array = *static_cast<const tarni::BaseArray<T>*>(member.address);
+    for (Int i = 0; i < array.GetCount(); ++i) {
+      if (!IsUtf8(TextOf(member.type, &array[i]))) {
+        problem = NotUtf8(at + "[" + std::to_string(i) + "]");
+        return nullptr;
+      }
+    }
+    return ValueArrayJson<T>(member.type, member.address);
   }
 
   // Maps are written as arrays of [key, value] pairs in their own (insertion) order.
@@ -308,9 +439,15 @@ struct Writer {
 
 struct Reader {
   std::string problem;
+  int depth = 0;
 
   tarni::Ref<tarni::Object> Object(const Kind& kind, const Json& json, const std::string& where) {
     if (json.is_null()) return nullptr;
+    const DepthGuard level(depth);
+    if (level.TooDeep()) {
+      problem = TooDeep(where);
+      return nullptr;
+    }
     if (!json.is_object()) {
       problem = where + " must be an object or null";
       return nullptr;
@@ -474,15 +611,24 @@ struct Reader {
 bool WriteSetup(const tarni::CharacterSolverConfigurationRef& config, std::string& text,
                 IoError& error) {
   const Kind& kind = *FindKind(tarni::CharacterSolverConfiguration::kInterfaceId);
-  Writer writer;
-  Json document = Json::object();
-  document["solverConfiguration"] = writer.Object(kind, kind.get(&config), "");
-  if (!writer.problem.empty()) {
-    error = {"", 0, writer.problem};
-    return false;
+  try {
+    Writer writer;
+    Json document = Json::object();
+    document["solverConfiguration"] = writer.Object(kind, kind.get(&config), "");
+    if (!writer.problem.empty()) {
+      error = {"", 0, writer.problem};
+      return false;
+    }
+    // Map keys are identifiers checked nowhere else; strict dumping turns down one that is not
+    // UTF-8 by throwing.
+    text = document.dump(1, '\t') + "\n";
+    return true;
+  } catch (const std::bad_alloc&) {
+    error = {"", 0, "out of memory"};
+  } catch (const nlohmann::json::type_error&) {
+    error = {"", 0, "an identifier is not UTF-8 text, the only text a set-up file holds"};
   }
-  text = document.dump(1, '\t') + "\n";
-  return true;
+  return false;
 }
 
 bool WriteSetup(const std::filesystem::path& path,
@@ -495,8 +641,10 @@ bool WriteSetup(const std::filesystem::path& path,
   return WriteFileAtomically(path, text, error);
 }
 
-bool ReadSetup(std::string_view text, std::string_view fileName,
-               tarni::CharacterSolverConfigurationRef& config, IoError& error) {
+namespace {
+
+bool ReadSetupUnguarded(std::string_view text, std::string_view fileName,
+                        tarni::CharacterSolverConfigurationRef& config, IoError& error) {
   const Json document = Json::parse(text.begin(), text.end(), nullptr, false);
   auto fail = [&](std::string message) {
     error = {std::string(fileName), 0, std::move(message)};
@@ -515,11 +663,27 @@ bool ReadSetup(std::string_view text, std::string_view fileName,
   return true;
 }
 
+}  // namespace
+
+bool ReadSetup(std::string_view text, std::string_view fileName,
+               tarni::CharacterSolverConfigurationRef& config, IoError& error) {
+  config = nullptr;
+  return GuardedIo(fileName, error, [&] {
+    tarni::CharacterSolverConfigurationRef read;
+    if (!ReadSetupUnguarded(text, fileName, read, error)) return false;
+    config = std::move(read);
+    return true;
+  });
+}
+
 bool ReadSetup(const std::filesystem::path& path, tarni::CharacterSolverConfigurationRef& config,
                IoError& error) {
-  std::string text;
-  if (!ReadWholeFile(path, text, error)) return false;
-  return ReadSetup(text, path.string(), config, error);
+  config = nullptr;
+  return GuardedIo(path.string(), error, [&] {
+    std::string text;
+    if (!ReadWholeFile(path, text, error)) return false;
+    return ReadSetup(text, path.string(), config, error);
+  });
 }
 
 }  // namespace tarni::host

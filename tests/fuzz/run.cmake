@@ -1,0 +1,16 @@
+# Runs one libFuzzer target for SECONDS seconds on a fresh work corpus (WORK), seeded from SEEDS
+# and, when it exists, EXTRA_SEEDS. Only the work corpus is written to; seed directories are read.
+file(REMOVE_RECURSE "${WORK}")
+file(MAKE_DIRECTORY "${WORK}" "${ARTIFACTS}")
+set(corpora "${WORK}" "${SEEDS}")
+if(EXTRA_SEEDS AND IS_DIRECTORY "${EXTRA_SEEDS}")
+  list(APPEND corpora "${EXTRA_SEEDS}")
+endif()
+execute_process(
+  COMMAND "${FUZZER}" -max_total_time=${SECONDS} -timeout=10 -rss_limit_mb=2048
+    -max_len=${MAX_LEN} -print_final_stats=1 -artifact_prefix=${ARTIFACTS}/ ${corpora}
+  WORKING_DIRECTORY "${ARTIFACTS}"
+  RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "${FUZZER} failed (${status}); the input is in ${ARTIFACTS}")
+endif()
