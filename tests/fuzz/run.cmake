@@ -6,9 +6,15 @@ set(corpora "${WORK}" "${SEEDS}")
 if(EXTRA_SEEDS AND IS_DIRECTORY "${EXTRA_SEEDS}")
   list(APPEND corpora "${EXTRA_SEEDS}")
 endif()
+# A dictionary of the format's keywords, when the target has one, gets mutations past the first
+# keyword check sooner.
+set(options)
+if(DICT AND EXISTS "${DICT}")
+  list(APPEND options -dict=${DICT})
+endif()
 execute_process(
   COMMAND "${FUZZER}" -max_total_time=${SECONDS} -timeout=10 -rss_limit_mb=2048
-    -max_len=${MAX_LEN} -print_final_stats=1 -artifact_prefix=${ARTIFACTS}/ ${corpora}
+    -max_len=${MAX_LEN} -print_final_stats=1 -artifact_prefix=${ARTIFACTS}/ ${options} ${corpora}
   WORKING_DIRECTORY "${ARTIFACTS}"
   RESULT_VARIABLE status)
 if(NOT status EQUAL 0)
