@@ -230,3 +230,28 @@ export function svgLogPlot({ title, xLabel, yLabel, series, width = 760, height 
   out.push('</svg>');
   return out.join('\n') + '\n';
 }
+
+// The joint map of a solver set-up written by `tarni-ca retarget --save-setup`: [target joint,
+// source joint] pairs in the target's pre-order, read from the association's node table (which
+// holds each pair in both directions) and the two skeleton trees' names.
+export function mapFromSetup(setup) {
+  const config = setup.solverConfiguration;
+  const names = (root) => {
+    const out = new Map();
+    const walk = (node) => {
+      if (!node) return;
+      out.set(node._objectID, node._objectName);
+      for (const child of node.children ?? []) walk(child);
+    };
+    walk(root);
+    return out;
+  };
+  const sources = names(config._sourceCharacter.SkeletonRoot);
+  const targets = names(config._targetCharacter.SkeletonRoot);
+  const partner = new Map();
+  for (const [from, to] of config._associationSourceTarget._uuidAssTable) {
+    if (targets.has(from) && sources.has(to)) partner.set(from, to);
+  }
+  return [...targets].filter(([uuid]) => partner.has(uuid))
+    .map(([uuid, name]) => [name, sources.get(partner.get(uuid))]);
+}

@@ -4,7 +4,7 @@ import assert from 'node:assert/strict';
 import { test } from 'node:test';
 
 import { angleDegrees, bezierValueAt, channelErrors, firstDrivenChild, keysAtError,
-         linearValueAt, median, paretoFront, svgLogPlot } from './lib.mjs';
+         linearValueAt, mapFromSetup, median, paretoFront, svgLogPlot } from './lib.mjs';
 
 const close = (actual, expected, tolerance, what) =>
   assert.ok(Math.abs(actual - expected) <= tolerance, `${what}: ${actual} is not ${expected}`);
@@ -99,4 +99,18 @@ test('svgLogPlot', () => {
   assert.match(svg, />b &amp; c</);
   assert.equal(svg.match(/<polyline/g).length, 1);
   assert.equal(svg.match(/<circle/g).length, 2);
+});
+
+test('mapFromSetup pairs target joints with source joints through the association', () => {
+  const tree = (id, name, children = []) => ({ _objectID: id, _objectName: name, children });
+  const setup = { solverConfiguration: {
+    _sourceCharacter: { SkeletonRoot: tree('s0', 'Hips', [tree('s1', 'Spine'), tree('s2', 'Leg')]) },
+    _targetCharacter: { SkeletonRoot: tree('t0', 'pelvis', [tree('t1', 'thigh'),
+                                                            tree('t2', 'spine')]) },
+    // Both directions, as the set-up stores them; the unpaired source leg is left out.
+    _associationSourceTarget: { _uuidAssTable: [['s0', 't0'], ['t0', 's0'], ['t2', 's1'],
+                                                ['s1', 't2']] },
+  } };
+  // In the target's order, whatever the table's order.
+  assert.deepEqual(mapFromSetup(setup), [['pelvis', 'Hips'], ['spine', 'Spine']]);
 });

@@ -3,8 +3,8 @@
 //   node retarget.mjs --tarni TARNI-CA --driver PEERS_DRIVER --data DATA_DIR --out OUTDIR [--runs N]
 //
 // Both tools get the same joint map: the one tarni-ca's retarget builds from the body-part preset
-// each skeleton picks (printed by the driver; `tarni-ca inspect` and `--save-setup` show the same
-// pairs), handed to three.js as its getBoneName. Frames per second: the whole parsed clip
+// each skeleton picks, read from the set-up it saves (`--save-setup`; the driver that times it
+// must report the same pairs), handed to three.js as its getBoneName. Frames per second: the whole parsed clip
 // retargeted, median of several runs, single thread, parsing excluded (tarni-ca: solver set-up and
 // every frame solved and turned into output rows; three.js: retargetClip, which samples the source
 // clip and builds the output tracks). Agreement: for every driven joint with a driven child, the
@@ -26,7 +26,7 @@ import { basename, join } from 'node:path';
 
 import { retargetClip } from 'three/examples/jsm/utils/SkeletonUtils.js';
 
-import { angleDegrees, firstDrivenChild, formatNumber, markdownTable, textTable,
+import { angleDegrees, firstDrivenChild, formatNumber, mapFromSetup, markdownTable, textTable,
          timeMedian } from './lib.mjs';
 import { loadThree, threePositions } from './threeside.mjs';
 
@@ -70,17 +70,27 @@ function comparePair(args, pair) {
                                                      String(args.runs)], { encoding: 'utf8' }));
   // tarni-ca's outputs: its default, and with the target's rest as read (equal rests).
   const outputs = {};
-  for (const [kind, extra] of [['default', []], ['equalRest', ['--no-align-rest']]]) {
+  const setupFile = join(args.out, `${stem}.setup.json`);
+  for (const [kind, extra] of [['default', ['--save-setup', setupFile]],
+                               ['equalRest', ['--no-align-rest']]]) {
     const bvh = join(args.out, `${stem}${kind === 'default' ? '' : '-no-align-rest'}.bvh`);
     execFileSync(args.tarni, ['retarget', sourcePath, '--target', targetPath, '-o', bvh, ...extra],
                  { stdio: ['ignore', 'ignore', 'inherit'] });
     outputs[kind] = projectPositions(args, bvh);
   }
 
-  const names = Object.fromEntries(info.map);  // target joint -> source joint
+  // The map three.js gets is the one tarni-ca's retarget saved with its set-up; the driver timed
+  // the same job only if it built the same map.
+  const map = mapFromSetup(JSON.parse(readFileSync(setupFile, 'utf8')));
+  if (JSON.stringify(map) !== JSON.stringify(info.map))
+    throw new Error(`retarget.mjs: the driver's joint map differs from ${setupFile}`);
+  const names = Object.fromEntries(map);  // target joint -> source joint
   const source = loadThree(readFileSync(sourcePath, 'utf8'));
   const target = loadThree(readFileSync(targetPath, 'utf8'));
-  const options = () => ({ names: { ...names }, hip: info.sourceRoot, scale: info.heightRatio });
+  // retarget has no same-name fallback: every driven bone must be named; end sites (all called
+  // ENDSITE) stay out. The root travels the source's path at the target's size, as in tarni-ca.
+  const options = () => ({ getBoneName: (bone) => names[bone.name], hip: info.sourceRoot,
+                           scale: info.heightRatio });
   let clip = null;
   const seconds = timeMedian(args.runs, () => {
     clip = retargetClip(target.holder, source.holder, source.clip, options());
