@@ -4,7 +4,11 @@
 // handed in may be kept or lost. Operations that cannot fail are shown to allocate nothing.
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/faultwalk.h"
@@ -29,12 +33,10 @@ using testing::U;
 
 std::string View(const String& text) { return std::string(text.GetView()); }
 
-// Walks each case and expects every one to reach at least one allocation. Returns how many cases
-// ran, for the record.
-int WalkAll(const std::vector<FaultCase>& cases, const std::vector<const Object*>& watched) {
+// Walks each case and expects every one to reach at least one allocation.
+void WalkAll(const std::vector<FaultCase>& cases, const std::vector<const Object*>& watched) {
   for (const FaultCase& item : cases)
     EXPECT_GT(testing::WalkFaults(item, watched), 0) << item.name << " allocates nothing";
-  return static_cast<int>(cases.size());
 }
 
 // A dump case: `dump` prints the object; a failed allocation may only cut one stretch out.
