@@ -152,32 +152,5 @@ TEST(CharacterAssociation, CopyOnWriteAndDescription) {
   }
 }
 
-TEST(CharacterAssociation, OutOfMemoryMayLeaveOnlyTheFirstDirection) {
-  const Uuid a = U(1), b = U(2), c = U(3), d = U(4), e = U(5);
-  CharacterAssociationRef association;
-  bool firstDirectionOnly = false;
-  const int failures = testing::ForEachFailingAllocation(
-      [&] {
-        // Three entries already, so the second direction of the next association must grow.
-        association = MakeAssociation();
-        ASSERT_TRUE(Write(association).AssociateUuid(a, b));
-        ASSERT_TRUE(Write(association).AssociateUuid(a, c));
-      },
-      [&] { return Write(association).AssociateUuid(d, e); },
-      [&](const Result<void>& result) {
-        EXPECT_TRUE(result.error().Is(ErrorKind::kOutOfMemory));
-        // Never the reverse entry alone; the old entries stay intact.
-        EXPECT_FALSE(association->GetAssociatedUuid(e));
-        if (association->GetAssociatedUuid(d)) {
-          EXPECT_EQ(LowOf(association->GetAssociatedUuid(d)), 5u);
-          firstDirectionOnly = true;
-        }
-        EXPECT_EQ(LowOf(association->GetAssociatedUuid(a)), 3u);
-        EXPECT_EQ(LowOf(association->GetAssociatedUuid(b)), 1u);
-      });
-  EXPECT_GT(failures, 0);
-  EXPECT_TRUE(firstDirectionOnly);
-}
-
 }  // namespace
 }  // namespace tarni

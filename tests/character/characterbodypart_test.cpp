@@ -105,34 +105,6 @@ TEST(CharacterBodyPart, ListSettersReplaceOrLeaveListEmpty) {
   ASSERT_TRUE(part->SetSkeleton(Uuids({3, 1, 3})));
   ASSERT_TRUE(part->SetSkeleton(part->GetSkeleton()));
   EXPECT_EQ(LowsOf(part->GetSkeleton()), (Lows{3, 1, 3}));
-
-  // Out of memory leaves the list empty, for every list setter.
-  BaseArray<Uuid> ids = Uuids({1, 2, 3, 4, 5, 6, 7, 8, 9});
-  BaseArray<String> words;
-  for (int i = 0; i < 9; ++i) ASSERT_TRUE(words.Append("thigh"_s));
-  struct Case {
-    std::function<Result<void>()> set;
-    std::function<Int()> count;
-  };
-  const Case cases[] = {
-      {[&] { return part->SetControllers(ids); },
-       [&] { return part->GetControllers().GetCount(); }},
-      {[&] { return part->SetSkeleton(ids); }, [&] { return part->GetSkeleton().GetCount(); }},
-      {[&] { return part->SetSkeletonKeywords(words); },
-       [&] { return part->GetSkeletonKeywords().GetCount(); }},
-      {[&] { return part->SetSkeletonDiscardKeywords(words); },
-       [&] { return part->GetSkeletonDiscardKeywords().GetCount(); }},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(
-        testing::ForEachFailingAllocation([] {}, c.set,
-                                          [&](const Result<void>& result) {
-                                            EXPECT_TRUE(result.error().Is(ErrorKind::kOutOfMemory));
-                                            EXPECT_EQ(c.count(), 0);
-                                          }),
-        1);
-    EXPECT_EQ(c.count(), 9);
-  }
 }
 
 TEST(CharacterBodyPart, WalksHierarchyInPreOrder) {
@@ -151,15 +123,6 @@ TEST(CharacterBodyPart, WalksHierarchyInPreOrder) {
   auto missing = parts.first->FindBodyPartByName("Second"_s);
   ASSERT_TRUE(missing);
   EXPECT_EQ(missing.value(), nullptr);
-
-  // Running out of memory while collecting discards the partial result.
-  EXPECT_GE(
-      testing::ForEachFailingAllocation([] {}, [&] { return parts.root->GetHierarchySkeleton(); },
-                                        [](const Result<BaseArray<Uuid>>& result) {
-                                          EXPECT_TRUE(result.error().Is(ErrorKind::kOutOfMemory));
-                                          EXPECT_FALSE(result.has_value());
-                                        }),
-      2);
 }
 
 TEST(CharacterBodyPart, ClearSkeletonOwnOrSubtree) {
@@ -211,21 +174,6 @@ TEST(CharacterBodyPart, CopyCarriesEveryFieldAndClonesChildren) {
   EXPECT_EQ(target->GetIdentifier(), Ident("twin"));
   EXPECT_EQ(NameMember(target), "Src");
   EXPECT_EQ(target->GetControllers().GetCount(), 0);
-}
-
-TEST(CharacterBodyPart, CreationOutOfMemoryMakesNoBodyPart) {
-  bool settingsFailed = false;
-  EXPECT_GE(testing::ForEachFailingAllocation(
-                [] {}, [] { return CreateBodyPart(InternedId(), "Arm"_s); },
-                [&](const Result<CharacterBodyPartRef>& result) {
-                  EXPECT_FALSE(result.has_value());
-                  // The object itself (null reference) or its settings word (out of memory).
-                  settingsFailed |= result.error().Is(ErrorKind::kOutOfMemory);
-                  EXPECT_TRUE(result.error().Is(ErrorKind::kOutOfMemory) ||
-                              result.error().Is(ErrorKind::kNullReference));
-                }),
-            2);
-  EXPECT_TRUE(settingsFailed);
 }
 
 TEST(CharacterBodyPart, DescribesMembersInFieldOrder) {

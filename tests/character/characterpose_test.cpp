@@ -85,23 +85,6 @@ TEST(CharacterPose, TextJoinsNodesAndPrintsEmptySlots) {
   EXPECT_EQ(pose->ToString().GetView(), "Node Transform :\n{" + node + ",nullptr," + node + "}");
 }
 
-TEST(CharacterPose, OutOfMemoryLeavesPoseEmpty) {
-  CharacterPoseRef pose = MakePose();
-  CharacterPose* writable = pose.MakeWritable().value();
-  CharacterNodeTransformRef a = MakeNode(MakeUuid(0, 1));
-  BaseArray<CharacterNodeTransformRef> big = MakeArray({a, a, a, a, a, a, a});
-  const int failures = testing::ForEachFailingAllocation(
-      [&] { ASSERT_TRUE(writable->SetNodeTransformArray(MakeArray({a}))); },
-      [&] { return writable->SetNodeTransformArray(big); },
-      [&](const Result<void>& result) {
-        EXPECT_TRUE(result.error().Is(ErrorKind::kOutOfMemory));
-        EXPECT_EQ(pose->GetNodeTransformCount(), 0);
-        EXPECT_EQ(a.Get()->GetRefCount(), 8);  // a and big: the old element was released
-      });
-  EXPECT_GE(failures, 1);
-  EXPECT_EQ(pose->GetNodeTransformCount(), 7);
-}
-
 TEST(CharacterPose, DescribesNodeTransformArray) {
   CharacterPoseRef pose = MakePose();
   MemberList members;

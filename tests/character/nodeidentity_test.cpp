@@ -61,10 +61,11 @@ TEST(CharacterNodeTransform, CloneSharesNodeInfoAndTextComesFromDerivedClass) {
 
   // The text asked through the node-info interface is the whole transform text.
   const CharacterNodeInfo* info = node.Get();
-  const std::string expected = std::string("Object ID : 00000000-00ab-cdef-0000-000000000007\n") +
-                               "Object Name : \nGlobal Matrix :\n((0.5,0,2),(0,1,0),(0,0,1),(1,2,3))\n" +
-                               "Parent Global Matrix :\n" + std::string(kIdentityText) + "\n" +
-                               "Pre-Multiply Matrix :\n" + std::string(kIdentityText) + "\n";
+  const std::string expected =
+      std::string("Object ID : 00000000-00ab-cdef-0000-000000000007\n") +
+      "Object Name : \nGlobal Matrix :\n((0.5,0,2),(0,1,0),(0,0,1),(1,2,3))\n" +
+      "Parent Global Matrix :\n" + std::string(kIdentityText) + "\n" + "Pre-Multiply Matrix :\n" +
+      std::string(kIdentityText) + "\n";
   EXPECT_EQ(info->ToString().GetView(), expected);
   auto asInfo = Cast<CharacterNodeInfo>(node.GetRef());
   ASSERT_TRUE(asInfo);

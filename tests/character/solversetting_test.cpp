@@ -110,24 +110,5 @@ TEST(CharacterBodyPartSolverSetting, DescribesLiveMembersInFieldOrder) {
   EXPECT_EQ(setting->GetBodyPartWeight(), 0.75);
 }
 
-TEST(CharacterBodyPartSolverSetting, OutOfMemoryFailsCreationAndCloneCleanly) {
-  // Creation and clone, each allocation failing in turn: reported, nothing leaked.
-  CharacterBodyPartSolverSettingRef original = MakeSetting();
-  auto check = [](const Result<Ref<Object>>& made) {
-    EXPECT_FALSE(made.has_value());
-    EXPECT_TRUE(made.error().Is(ErrorKind::kOutOfMemory) ||
-                made.error().Is(ErrorKind::kNullReference));
-  };
-  EXPECT_EQ(testing::ForEachFailingAllocation([] {}, [] { return CreateObject(Setting::kClassId); },
-                                              check),
-            2);
-  EXPECT_GT(testing::ForEachFailingAllocation([] {}, [&] { return original->Clone(); }, check), 0);
-  // The one-word settings failing is the out-of-memory error.
-  fault::FailNthAllocation(2);
-  auto made = CreateObject(Setting::kClassId);
-  fault::Disarm();
-  EXPECT_TRUE(made.error().Is(ErrorKind::kOutOfMemory));
-}
-
 }  // namespace
 }  // namespace tarni
