@@ -43,8 +43,13 @@ class Object {
   static void operator delete(void* memory) noexcept { Free(memory); }
 
   void AddRef() const noexcept { _refCount.fetch_add(1, std::memory_order_relaxed); }
+  // The last holder frees the object without the atomic decrement: with a count of 1 the caller's
+  // reference is the only one, so no other thread can take a new one meanwhile, and the acquire
+  // load orders the other holders' earlier releases before the deletion.
   void Release() const noexcept {
-    if (_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    if (_refCount.load(std::memory_order_acquire) == 1 ||
+        _refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
+      delete this;
   }
   std::int32_t GetRefCount() const noexcept { return _refCount.load(std::memory_order_acquire); }
   bool IsShared() const noexcept { return GetRefCount() > 1; }
