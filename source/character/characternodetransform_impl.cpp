@@ -1,3 +1,5 @@
+#include <cstdint>
+#include <new>
 #include <typeinfo>
 
 #include "character/lookups.h"
@@ -20,6 +22,13 @@ class CharacterNodeTransformImpl final : public NodeInfoComponent<CharacterNodeT
   CharacterNodeTransformImpl(const CharacterNodeTransformImpl& source, const Uuid& uuid) noexcept
       : NodeInfoComponent(source, uuid),
         _globalMat(source._globalMat),
+        _parentGlobalMat(source._parentGlobalMat),
+        _preMultiplyMat(source._preMultiplyMat) {}
+  // The copy under another global matrix that CopyNodeWithGlobal makes.
+  CharacterNodeTransformImpl(const CharacterNodeTransformImpl& source,
+                             const Matrix& global) noexcept
+      : NodeInfoComponent(source),
+        _globalMat(global),
         _parentGlobalMat(source._parentGlobalMat),
         _preMultiplyMat(source._preMultiplyMat) {}
 
@@ -85,21 +94,86 @@ const StaticFunction kStatics[] = {
 
 }  // namespace
 
+namespace {
+constinit const Uuid kEmptyUuid{};
+}  // namespace
+
+const Uuid& NodeUuidOf(const CharacterNodeTransform* node) noexcept {
+  if (node == nullptr) return kEmptyUuid;
+  // The class is final: an equal type is exactly this class, whose Uuid is read without the
+  // virtual call.
+  if (typeid(*node) == typeid(CharacterNodeTransformImpl))
+    return static_cast<const CharacterNodeTransformImpl*>(node)
+        ->NodeInfoComponent<CharacterNodeTransform>::GetUuid();
+  return node->GetUuid();
+}
+
 const CharacterNodeTransformRef* FindFirstNode(const BaseArray<CharacterNodeTransformRef>& nodes,
                                                const Uuid& id) noexcept {
-  static const Uuid kEmpty;
   for (const CharacterNodeTransformRef& node : nodes) {
-    const CharacterNodeTransform* element = node.Get();
-    // The class is final: an equal type is exactly this class, whose Uuid is read without the
-    // virtual call.
-    const Uuid& uuid = element == nullptr ? kEmpty
-                       : typeid(*element) == typeid(CharacterNodeTransformImpl)
-                           ? static_cast<const CharacterNodeTransformImpl*>(element)
-                                 ->NodeInfoComponent<CharacterNodeTransform>::GetUuid()
-                           : element->GetUuid();
-    if (uuid == id) return &node;
+    if (NodeUuidOf(node.Get()) == id) return &node;
   }
   return nullptr;
+}
+
+// An open-addressed table of element indices, 32-bit slots following the header in one block;
+// each Uuid value has one slot, holding the lowest index with that value. Keys are read from the
+// array's nodes, so the index holds no Uuid (and no reference) of its own.
+class NodeIndex {
+ public:
+  const CharacterNodeTransformRef* storage;
+  Int count;
+  Int mask;
+
+  std::int32_t* Slots() noexcept { return reinterpret_cast<std::int32_t*>(this + 1); }
+  const std::int32_t* Slots() const noexcept {
+    return reinterpret_cast<const std::int32_t*>(this + 1);
+  }
+  Int SlotOf(const Uuid& key) const noexcept { return static_cast<Int>(key.GetHashCode()) & mask; }
+  bool Fits(const BaseArray<CharacterNodeTransformRef>& nodes) const noexcept {
+    return storage == nodes.GetFirst() && count == nodes.GetCount();
+  }
+};
+static_assert(alignof(NodeIndex) >= alignof(std::int32_t));
+
+NodeIndex* MakeNodeIndex(const BaseArray<CharacterNodeTransformRef>& nodes) noexcept {
+  const Int count = nodes.GetCount();
+  // At most half the slots are used, so a probe ends soon at a free one.
+  if (count > (Int{1} << 28)) return nullptr;
+  Int slotCount = 16;
+  while (slotCount < 2 * count) slotCount *= 2;
+  void* memory =
+      Allocate(sizeof(NodeIndex) + static_cast<std::size_t>(slotCount) * sizeof(std::int32_t));
+  if (memory == nullptr) return nullptr;
+  auto* index = ::new (memory) NodeIndex{nodes.GetFirst(), count, slotCount - 1};
+  std::int32_t* slots = index->Slots();
+  for (Int slot = 0; slot < slotCount; ++slot) slots[slot] = -1;
+  for (Int i = 0; i < count; ++i) {
+    const Uuid& key = NodeUuidOf(nodes[i].Get());
+    Int slot = index->SlotOf(key);
+    while (slots[slot] >= 0 && !(NodeUuidOf(nodes[slots[slot]].Get()) == key))
+      slot = (slot + 1) & index->mask;
+    // An earlier element with this value keeps the slot.
+    if (slots[slot] < 0) slots[slot] = static_cast<std::int32_t>(i);
+  }
+  return index;
+}
+
+void DeleteNodeIndex(NodeIndex* index) noexcept {
+  if (index == nullptr) return;
+  index->~NodeIndex();
+  Free(index);
+}
+
+const CharacterNodeTransformRef* FindFirstNode(const BaseArray<CharacterNodeTransformRef>& nodes,
+                                               const NodeIndex* index, const Uuid& id) noexcept {
+  if (index == nullptr || !index->Fits(nodes)) return FindFirstNode(nodes, id);
+  const std::int32_t* slots = index->Slots();
+  for (Int slot = index->SlotOf(id);; slot = (slot + 1) & index->mask) {
+    const std::int32_t at = slots[slot];
+    if (at < 0) return nullptr;
+    if (NodeUuidOf(nodes[at].Get()) == id) return &nodes[at];
+  }
 }
 
 namespace {
@@ -130,6 +204,17 @@ Result<CharacterNodeTransformRef> CopyNode(const CharacterNodeTransformRef& node
   const CharacterNodeTransformImpl* own = OwnNode(node);
   if (own == nullptr) return CharacterNodeTransformRef::WritableCopyOf(node);
   return NewNode(*own);
+}
+
+Result<CharacterNodeTransformRef> CopyNodeWithGlobal(const CharacterNodeTransformRef& node,
+                                                     const Matrix& global) noexcept {
+  const CharacterNodeTransformImpl* own = OwnNode(node);
+  if (own == nullptr) {
+    CharacterNodeTransformRef copy = TARNI_TRY(CharacterNodeTransformRef::WritableCopyOf(node));
+    TARNI_TRY(copy.MakeWritable())->SetGlobalMatrix(global);
+    return copy;
+  }
+  return NewNode(*own, global);
 }
 
 Result<CharacterNodeTransformRef> CopyNodeWithUuid(const CharacterNodeTransformRef& node,

@@ -1,3 +1,4 @@
+#include <atomic>
 #include <typeinfo>
 
 #include "character/lookups.h"
@@ -12,8 +13,12 @@ namespace {
 class CharacterPoseImpl final : public CharacterPose {
   TARNI_IMPLEMENTS(CharacterPoseImpl, CharacterPose)
  public:
+  CharacterPoseImpl() noexcept = default;
+  ~CharacterPoseImpl() override { DropIndex(); }
+
   Result<void> SetNodeTransformArray(
       const BaseArray<CharacterNodeTransformRef>& source) noexcept override {
+    DropIndex();
     return ReplaceList(_nodeTransforms, source);
   }
   const BaseArray<CharacterNodeTransformRef>& GetNodeTransformArray() const noexcept override {
@@ -24,8 +29,24 @@ class CharacterPoseImpl final : public CharacterPose {
   Result<CharacterNodeTransformRef> GetNodeTransformByID(const Uuid& id) const noexcept override {
     // An empty slot stands for a node whose id is the empty Uuid, so looking up the empty id can
     // hit it; Uuid equality covers both shared id data and equal 128-bit values.
-    const CharacterNodeTransformRef* found = FindFirstNode(_nodeTransforms, id);
+    const CharacterNodeTransformRef* found = FindFirstNode(_nodeTransforms, Index(), id);
     return found ? *found : CharacterNodeTransformRef();
+  }
+
+  // The first-match index of the node array, made at the first lookup once the pose has
+  // kIndexedCount nodes, or null (the lookups then scan). Lookups run on many threads at once on
+  // a shared rest pose: the first index published wins and the others are dropped. Every change
+  // of the array drops the index; those run on a pose nobody else reads (copy-on-write).
+  const NodeIndex* Index() const noexcept {
+    NodeIndex* index = _index.load(std::memory_order_acquire);
+    if (index != nullptr || _nodeTransforms.GetCount() < kIndexedCount) return index;
+    NodeIndex* made = MakeNodeIndex(_nodeTransforms);
+    if (made == nullptr) return nullptr;
+    if (_index.compare_exchange_strong(index, made, std::memory_order_acq_rel,
+                                       std::memory_order_acquire))
+      return made;
+    DeleteNodeIndex(made);
+    return index;
   }
 
   String ToString(const FormatStatement* format = nullptr) const noexcept override {
@@ -44,8 +65,12 @@ class CharacterPoseImpl final : public CharacterPose {
     return out.ToString();
   }
 
+  // The slot of the attached companion (see AttachPoseCompanion).
+  std::atomic<PoseCompanion*>& CompanionSlot() const noexcept { return _companion; }
+
   // Takes over `nodes` as the whole array (see CopyPoseWithNodes).
   void TakeNodeTransformArray(BaseArray<CharacterNodeTransformRef>&& nodes) noexcept {
+    DropIndex();
     _nodeTransforms = std::move(nodes);
   }
 
@@ -70,7 +95,21 @@ class CharacterPoseImpl final : public CharacterPose {
   }
 
  private:
+  // Below this many nodes a scan costs less than making the index.
+  static constexpr Int kIndexedCount = 8;
+
+  // Drops the index and the companion: both are derived from the array.
+  void DropIndex() noexcept {
+    DeleteNodeIndex(_index.exchange(nullptr, std::memory_order_acq_rel));
+    if (PoseCompanion* companion = _companion.exchange(nullptr, std::memory_order_acq_rel))
+      companion->destroy(companion);
+  }
+
   BaseArray<CharacterNodeTransformRef> _nodeTransforms;
+  // Derived from _nodeTransforms, never copied; the index also checks that the array it was made
+  // from still has the same storage and count, which covers writes through DescribeIO's address.
+  mutable std::atomic<NodeIndex*> _index{nullptr};
+  mutable std::atomic<PoseCompanion*> _companion{nullptr};
 };
 
 constexpr Id kInterfaces[] = {CharacterPose::kInterfaceId};
@@ -79,6 +118,36 @@ const StaticFunction kStatics[] = {
 };
 
 }  // namespace
+
+const CharacterNodeTransformRef* FindFirstPoseNode(const CharacterPose& pose, const Uuid& id,
+                                                   NodeIndex** scratch) noexcept {
+  // The class is final: an equal type is exactly this class.
+  if (typeid(pose) == typeid(CharacterPoseImpl)) {
+    const auto& own = static_cast<const CharacterPoseImpl&>(pose);
+    return FindFirstNode(own.GetNodeTransformArray(), own.Index(), id);
+  }
+  const BaseArray<CharacterNodeTransformRef>& nodes = pose.GetNodeTransformArray();
+  if (scratch == nullptr) return FindFirstNode(nodes, id);
+  if (*scratch == nullptr) *scratch = MakeNodeIndex(nodes);
+  return FindFirstNode(nodes, *scratch, id);
+}
+
+const PoseCompanion* PeekPoseCompanion(const CharacterPose& pose) noexcept {
+  if (typeid(pose) != typeid(CharacterPoseImpl)) return nullptr;
+  return static_cast<const CharacterPoseImpl&>(pose).CompanionSlot().load(
+      std::memory_order_acquire);
+}
+
+const PoseCompanion* AttachPoseCompanion(const CharacterPose& pose,
+                                         PoseCompanion* companion) noexcept {
+  if (typeid(pose) != typeid(CharacterPoseImpl)) return nullptr;
+  PoseCompanion* attached = nullptr;
+  if (static_cast<const CharacterPoseImpl&>(pose).CompanionSlot().compare_exchange_strong(
+          attached, companion, std::memory_order_acq_rel, std::memory_order_acquire))
+    return companion;
+  companion->destroy(companion);
+  return attached;
+}
 
 Result<CharacterPoseRef> CopyPoseWithNodes(const CharacterPoseRef& pose,
                                            BaseArray<CharacterNodeTransformRef>&& nodes) noexcept {

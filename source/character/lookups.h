@@ -15,6 +15,34 @@ namespace tarni::ca {
 const CharacterNodeTransformRef* FindFirstNode(const BaseArray<CharacterNodeTransformRef>& nodes,
                                                const Uuid& id) noexcept;
 
+// The Uuid of `node` as GetUuid gives it, or the empty Uuid for a null node; this module's own
+// node class is read without the virtual call.
+const Uuid& NodeUuidOf(const CharacterNodeTransform* node) noexcept;
+
+// A first-match index over a node array: for each Uuid value that the array holds, the lowest
+// index holding it (an empty element holds the empty Uuid). It keeps no references; it stays valid
+// while the array it was made from is neither changed nor released, and it remembers that array's
+// storage and count, so an array that has since grown or moved is scanned instead.
+class NodeIndex;
+
+// A new index over `nodes`, or null when its memory cannot be had (the lookups then scan).
+NodeIndex* MakeNodeIndex(const BaseArray<CharacterNodeTransformRef>& nodes) noexcept;
+// Frees an index from MakeNodeIndex; null is ignored.
+void DeleteNodeIndex(NodeIndex* index) noexcept;
+
+// FindFirstNode's result, through `index` when it is not null and still fits `nodes`.
+const CharacterNodeTransformRef* FindFirstNode(const BaseArray<CharacterNodeTransformRef>& nodes,
+                                               const NodeIndex* index, const Uuid& id) noexcept;
+
+// The first node of `pose` whose Uuid equals `id`, or null: GetNodeTransformByID's rule without
+// the new reference. Poses of this module's class keep an index for it, made at the first lookup
+// of a pose large enough to need one. A pose of another class is searched through its array: with
+// `scratch`, an index of that array is made there at the first lookup (the caller frees it with
+// DeleteNodeIndex, and keeps the pose unchanged meanwhile); without, the array is scanned. The
+// pointer is valid while the pose is neither changed nor released.
+const CharacterNodeTransformRef* FindFirstPoseNode(const CharacterPose& pose, const Uuid& id,
+                                                   NodeIndex** scratch = nullptr) noexcept;
+
 // The Uuid GetAssociatedUuid(key) gives, without copying it: for this module's own association
 // class a pointer into the table, valid while the association is neither changed nor released;
 // for other classes into `holder`. Fails exactly as GetAssociatedUuid does.

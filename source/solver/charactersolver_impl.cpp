@@ -1,4 +1,5 @@
 #include <cmath>
+#include <new>
 
 #include "character/lookups.h"
 #include "character/posenodes.h"
@@ -6,7 +7,6 @@
 #include "solver/quaternion.h"
 #include "tarni/charactersolver.h"
 #include "tarni/describe.h"
-#include "tarni/hashmap.h"
 
 namespace tarni::ca {
 namespace {
@@ -20,98 +20,140 @@ const Matrix& ParentGlobalOf(const CharacterNodeTransform* node) noexcept {
   return node ? node->GetParentGlobalMatrix() : kIdentity;
 }
 
-// The first-match lookup of a pose's nodes by Uuid, GetNodeTransformByID's rule: the first
-// element, in array order, whose Uuid equals the key, an empty element counting as the empty Uuid.
-// The extraction looks up every rest node in two poses; scanning per node made it quadratic in the
-// node count, so each pose is indexed once per call instead. Poses of up to kInlineNodes nodes
-// are indexed in place; a larger one whose index cannot get memory is scanned.
-class FirstMatchIndex {
- public:
-  explicit FirstMatchIndex(const CharacterPose& pose) noexcept
-      : _nodes(pose.GetNodeTransformArray()) {
-    const Int count = _nodes.GetCount();
-    // The Uuid of each node is asked once: it is a virtual call, and the lookups compare keys.
-    if (count <= kInlineNodes) {
-      for (Int i = 0; i < count; ++i) _inlineKeys[i] = &NodeKeyOf(i);
-      _keys = _inlineKeys;
-    }
-    Int slotCount = 2 * kInlineNodes;
-    while (slotCount < 2 * count) slotCount *= 2;
-    if (slotCount > 2 * kInlineNodes) {
-      if (!_heapSlots.Resize(slotCount)) return;  // no index: Find scans
-      _slots = _heapSlots.GetFirst();
-    } else {
-      _slots = _inlineSlots;
-    }
-    _mask = slotCount - 1;
-    for (Int i = 0; i < slotCount; ++i) _slots[i] = -1;
-    for (Int i = 0; i < count; ++i) {
-      const Uuid& key = KeyOf(i);
-      Int slot = SlotOf(key);
-      while (_slots[slot] >= 0 && !(KeyOf(_slots[slot]) == key)) slot = (slot + 1) & _mask;
-      if (_slots[slot] < 0) _slots[slot] = i;  // an earlier element with this Uuid keeps the slot
-    }
-  }
-  FirstMatchIndex(const FirstMatchIndex&) = delete;
-  FirstMatchIndex& operator=(const FirstMatchIndex&) = delete;
-
-  // The Uuid of the element at `index` (the empty Uuid for an empty element).
-  const Uuid& KeyOf(Int index) const noexcept {
-    return _keys != nullptr ? *_keys[index] : NodeKeyOf(index);
-  }
-
-  // The first element whose Uuid equals `id` (possibly an empty reference), or null when none
-  // does. Valid while the pose is neither changed nor released.
-  const CharacterNodeTransformRef* Find(const Uuid& id) const noexcept {
-    if (_slots == nullptr) {
-      for (Int i = 0; i < _nodes.GetCount(); ++i)
-        if (KeyOf(i) == id) return &_nodes[i];
-      return nullptr;
-    }
-    for (Int slot = SlotOf(id); _slots[slot] >= 0; slot = (slot + 1) & _mask) {
-      if (KeyOf(_slots[slot]) == id) return &_nodes[_slots[slot]];
-    }
-    return nullptr;
-  }
-
- private:
-  static constexpr Int kInlineNodes = 64;
-  static inline const Uuid kEmpty{};
-
-  const Uuid& NodeKeyOf(Int index) const noexcept {
-    const CharacterNodeTransformRef& node = _nodes[index];
-    return node ? node->GetUuid() : kEmpty;
-  }
-  Int SlotOf(const Uuid& key) const noexcept {
-    return static_cast<Int>(Hasher<Uuid>{}(key)) & _mask;
-  }
-
-  const BaseArray<CharacterNodeTransformRef>& _nodes;
-  Int* _slots = nullptr;
-  Int _mask = 0;
-  Int _inlineSlots[2 * kInlineNodes];
-  const Uuid* const* _keys = nullptr;
-  const Uuid* _inlineKeys[kInlineNodes];
-  BaseArray<Int> _heapSlots;
-};
-
 // The reciprocal of an axis length; a zero-length axis normalises to the zero vector.
 Float64 ReciprocalLength(Float64 length) noexcept { return length == 0.0 ? 0.0 : 1.0 / length; }
 
+// What the extraction reads from the rest pose for one of its elements. It depends on the rest
+// pose alone, so it is computed once and kept with the pose for the frames to come.
+struct RestNodeData {
+  // The element it was made from, and that element's Uuid (inside the node).
+  const CharacterNodeTransform* node;
+  const Uuid* uuid;
+  // The index of the rest pose's first node with that Uuid (the element's own index, or lower).
+  Int first;
+  // Of that first node, B = its parent global matrix and D = its global matrix: InvertMatrix(B),
+  // the inverse of D's 3x3 part, and D's offset.
+  Matrix parentInverse;
+  Matrix globalInverse;
+  Vector globalOffset;
+};
+
+// The rest data of a whole pose, as one block: this header, then one RestNodeData per element.
+struct RestPoseData final : PoseCompanion {
+  const CharacterNodeTransformRef* storage;
+  Int count;
+
+  RestNodeData* Nodes() noexcept { return reinterpret_cast<RestNodeData*>(this + 1); }
+  const RestNodeData* Nodes() const noexcept {
+    return reinterpret_cast<const RestNodeData*>(this + 1);
+  }
+  // Made from `nodes` as they are now: the same storage, count and node objects. A pose's node
+  // objects never change while it holds them (copy-on-write), so their matrices are the same too.
+  bool Fits(const BaseArray<CharacterNodeTransformRef>& nodes) const noexcept {
+    if (storage != nodes.GetFirst() || count != nodes.GetCount()) return false;
+    const RestNodeData* data = Nodes();
+    for (Int i = 0; i < count; ++i)
+      if (data[i].node != nodes[i].Get()) return false;
+    return true;
+  }
+
+  static void Destroy(PoseCompanion* companion) noexcept {
+    auto* self = static_cast<RestPoseData*>(companion);
+    self->~RestPoseData();
+    Free(self);
+  }
+};
+static_assert(sizeof(RestPoseData) % alignof(RestNodeData) == 0);
+
+// The rest data of `rest`, or null when its memory cannot be had.
+RestPoseData* MakeRestPoseData(const CharacterPose& rest) noexcept {
+  const BaseArray<CharacterNodeTransformRef>& nodes = rest.GetNodeTransformArray();
+  const Int count = nodes.GetCount();
+  // Its own index of the rest nodes, made for the moment: a failure here is the extraction's
+  // out-of-memory error like any other, rather than a slower data set.
+  NodeIndex* index = MakeNodeIndex(nodes);
+  if (index == nullptr) return nullptr;
+  void* memory =
+      Allocate(sizeof(RestPoseData) + static_cast<std::size_t>(count) * sizeof(RestNodeData));
+  if (memory == nullptr) {
+    DeleteNodeIndex(index);
+    return nullptr;
+  }
+  auto* data = ::new (memory) RestPoseData;
+  data->destroy = &RestPoseData::Destroy;
+  data->storage = nodes.GetFirst();
+  data->count = count;
+  for (Int i = 0; i < count; ++i) {
+    const CharacterNodeTransform* element = nodes[i].Get();
+    const Uuid& uuid = NodeUuidOf(element);
+    // The element itself has the Uuid, so the first match is at i or below.
+    const CharacterNodeTransformRef* found = FindFirstNode(nodes, index, uuid);
+    const Int first = found != nullptr ? found - nodes.GetFirst() : i;
+    const CharacterNodeTransform* restNode = nodes[first].Get();
+    ::new (&data->Nodes()[i]) RestNodeData{element,
+                                           &uuid,
+                                           first,
+                                           InvertMatrix(ParentGlobalOf(restNode)),
+                                           Invert3x3(GlobalOf(restNode)),
+                                           GlobalOf(restNode).off};
+  }
+  DeleteNodeIndex(index);
+  return data;
+}
+
+// The rest data of one extraction: the data kept with the rest pose, made and attached at the
+// first extraction, or data made for this call alone (a pose of another class keeps none, and a
+// pose whose array was written through DescribeIO gets new data).
+class RestPoseDataHolder {
+ public:
+  RestPoseDataHolder() noexcept = default;
+  RestPoseDataHolder(const RestPoseDataHolder&) = delete;
+  RestPoseDataHolder& operator=(const RestPoseDataHolder&) = delete;
+  ~RestPoseDataHolder() {
+    if (_own != nullptr) RestPoseData::Destroy(_own);
+  }
+
+  // Null when the memory for new data cannot be had.
+  const RestPoseData* Acquire(const CharacterPose& rest) noexcept {
+    const BaseArray<CharacterNodeTransformRef>& nodes = rest.GetNodeTransformArray();
+    const auto* kept = static_cast<const RestPoseData*>(PeekPoseCompanion(rest));
+    if (kept != nullptr && kept->Fits(nodes)) return kept;
+    RestPoseData* made = MakeRestPoseData(rest);
+    if (made == nullptr) return nullptr;
+    if (kept == nullptr) {
+      // Another thread's data, made from the same unchanged pose, serves as well.
+      const auto* attached = static_cast<const RestPoseData*>(AttachPoseCompanion(rest, made));
+      if (attached != nullptr) return attached;
+    }
+    _own = made;
+    return made;
+  }
+
+ private:
+  RestPoseData* _own = nullptr;
+};
+
+// An index made for a source pose of another class during one call; this module's poses keep
+// their own.
+struct ScratchIndex {
+  NodeIndex* index = nullptr;
+  ScratchIndex() noexcept = default;
+  ScratchIndex(const ScratchIndex&) = delete;
+  ScratchIndex& operator=(const ScratchIndex&) = delete;
+  ~ScratchIndex() { DeleteNodeIndex(index); }
+};
+
 // The delta of one node: its rest-relative transform once the source parent's motion is replaced
-// by the rest parent's. `source` and `rest` may be missing (identity matrices stand in).
-Matrix NodeDelta(const CharacterNodeTransform* source,
-                 const CharacterNodeTransform* rest) noexcept {
+// by the rest parent's. `source` may be missing (identity matrices stand in for A and C).
+Matrix NodeDelta(const CharacterNodeTransform* source, const RestNodeData& rest) noexcept {
   const Matrix& a = ParentGlobalOf(source);
-  const Matrix& b = ParentGlobalOf(rest);
   const Matrix& c = GlobalOf(source);
-  const Matrix& d = GlobalOf(rest);
   // Written as two inverses, not as B * inverse(A): a singular product must give the identity.
-  const Matrix e = InvertMatrix(a * InvertMatrix(b));
+  const Matrix e = InvertMatrix(a * rest.parentInverse);
   const Matrix m = e * c;
-  Matrix delta = Multiply3x3(m, Invert3x3(d));
+  Matrix delta = Multiply3x3(m, rest.globalInverse);
   // A plain difference of translations, not rotated into the rest frame.
-  delta.off = m.off - d.off;
+  delta.off = m.off - rest.globalOffset;
   return delta;
 }
 
@@ -139,23 +181,32 @@ class CharacterSolverImpl final : public CharacterSolver {
     const CharacterPoseRef& rest = *restRef;
     const BaseArray<CharacterNodeTransformRef>& restNodes = rest->GetNodeTransformArray();
 
+    // The rest pose's own matrices and lookups come from its kept data.
+    RestPoseDataHolder restData;
+    const RestPoseData* restPoseData = restData.Acquire(*rest);
+    if (restPoseData == nullptr) return OutOfMemoryError();
+    const RestNodeData* restNodeData = restPoseData->Nodes();
     // Each output node is a writable copy of its rest node, so it is always a clone and the rest
     // pose's nodes never change.
+    const BaseArray<CharacterNodeTransformRef>& sourceNodes = sourcePose->GetNodeTransformArray();
     BaseArray<CharacterNodeTransformRef> nodes;
     if (!nodes.EnsureCapacity(restNodes.GetCount())) return OutOfMemoryError();
     // Both poses stay alive and unchanged while the loop reads their nodes.
-    const FirstMatchIndex restIndex(*rest);
-    const FirstMatchIndex sourceIndex(*sourcePose);
+    ScratchIndex scratch;
+    // While the source pose holds the rest pose's Uuids in the rest pose's order, up to and
+    // including the current node, the source's first match of a rest Uuid is at the index of the
+    // rest pose's own first match: a source pose of the same skeleton needs no lookup of its own.
+    bool aligned = true;
     for (Int index = 0; index < restNodes.GetCount(); ++index) {
-      const CharacterNodeTransformRef& element = restNodes[index];
-      const Uuid& uuid = restIndex.KeyOf(index);
-      const CharacterNodeTransformRef* restNode = restIndex.Find(uuid);
-      const CharacterNodeTransformRef* srcNode = sourceIndex.Find(uuid);
-      const Matrix delta =
-          NodeDelta(srcNode ? srcNode->Get() : nullptr, restNode ? restNode->Get() : nullptr);
-      CharacterNodeTransformRef copy = TARNI_TRY(CopyNode(element));
-      TARNI_TRY(copy.MakeWritable())->SetGlobalMatrix(delta);
-      TARNI_TRY(nodes.Append(std::move(copy)));  // within the capacity: cannot fail
+      const RestNodeData& restNode = restNodeData[index];
+      aligned = aligned && index < sourceNodes.GetCount() &&
+                NodeUuidOf(sourceNodes[index].Get()) == *restNode.uuid;
+      const CharacterNodeTransformRef* srcNode =
+          aligned ? &sourceNodes[restNode.first]
+                  : FindFirstPoseNode(*sourcePose, *restNode.uuid, &scratch.index);
+      const Matrix delta = NodeDelta(srcNode ? srcNode->Get() : nullptr, restNode);
+      // Within the capacity: the append cannot fail.
+      TARNI_TRY(nodes.Append(TARNI_TRY(CopyNodeWithGlobal(restNodes[index], delta))));
     }
 
     // The result is a copy of the rest pose holding the delta nodes; the definition's own rest

@@ -1,0 +1,263 @@
+// The data a frame keeps between calls: a pose's first-match index and the rest data the delta
+// extraction keeps with a rest pose. Whatever was kept, every answer must be the one a plain scan
+// of the arrays and the formula give, after any change of the pose, and on several threads.
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "character/modelfault.h"
+#include "source/solver/quaternion.h"
+#include "tarni/charactersolver.h"
+#include "tarni/describe.h"
+
+namespace tarni {
+namespace {
+
+Uuid U(std::uint64_t low) { return Uuid::Make(0, low).value(); }
+
+// A matrix that differs for every seed, so a delta taken from the wrong node shows.
+Matrix Sheared(double seed, const Vector& off = {}) {
+  return {off,
+          {1.0 + 0.1 * seed, 0.2, -0.1 * seed},
+          {0.05 * seed, 0.9, 0.3},
+          {0.2, -0.04 * seed, 1.1 + 0.01 * seed}};
+}
+CharacterNodeTransformRef Node(std::uint64_t low, double seed) {
+  return CreateNodeTransform(U(low), Sheared(seed, {seed, 1, 0}), Sheared(seed + 0.5, {0, seed, 2}))
+      .value();
+}
+BaseArray<CharacterNodeTransformRef> Array(const std::vector<CharacterNodeTransformRef>& nodes) {
+  BaseArray<CharacterNodeTransformRef> array;
+  for (const auto& node : nodes) EXPECT_TRUE(array.Append(node));
+  return array;
+}
+CharacterPoseRef Pose(const std::vector<CharacterNodeTransformRef>& nodes) {
+  CharacterPoseRef pose(CreateObject<CharacterPose>(CharacterPose::kClassId).value());
+  EXPECT_TRUE(pose.MakeWritable().value()->SetNodeTransformArray(Array(nodes)));
+  return pose;
+}
+// Nodes with the given Uuids (0 for an empty element), each with its own matrices.
+std::vector<CharacterNodeTransformRef> Nodes(const std::vector<std::uint64_t>& lows,
+                                             double seed = 0.0) {
+  std::vector<CharacterNodeTransformRef> nodes;
+  for (std::size_t i = 0; i < lows.size(); ++i)
+    nodes.push_back(lows[i] == 0 ? CharacterNodeTransformRef() : Node(lows[i], seed + i));
+  return nodes;
+}
+
+// The first match by a plain scan of the array: the rule the kept indexes must keep.
+const CharacterNodeTransform* ScanFirst(const CharacterPose& pose, const Uuid& id) {
+  for (const CharacterNodeTransformRef& node : pose.GetNodeTransformArray()) {
+    const Uuid uuid = node ? node->GetUuid() : Uuid();
+    if (uuid == id) return node.Get();
+  }
+  return nullptr;
+}
+
+// The deltas as the formula gives them, with the lookups done by ScanFirst.
+std::vector<Matrix> ExpectedDeltas(const CharacterPose& rest, const CharacterPose& source) {
+  std::vector<Matrix> deltas;
+  for (const CharacterNodeTransformRef& element : rest.GetNodeTransformArray()) {
+    const Uuid uuid = element ? element->GetUuid() : Uuid();
+    const CharacterNodeTransform* restNode = ScanFirst(rest, uuid);
+    const CharacterNodeTransform* srcNode = ScanFirst(source, uuid);
+    const Matrix a = srcNode ? srcNode->GetParentGlobalMatrix() : Matrix{};
+    const Matrix b = restNode ? restNode->GetParentGlobalMatrix() : Matrix{};
+    const Matrix c = srcNode ? srcNode->GetGlobalMatrix() : Matrix{};
+    const Matrix d = restNode ? restNode->GetGlobalMatrix() : Matrix{};
+    const Matrix m = ca::InvertMatrix(a * ca::InvertMatrix(b)) * c;
+    Matrix delta = ca::Multiply3x3(m, ca::Invert3x3(d));
+    delta.off = m.off - d.off;
+    deltas.push_back(delta);
+  }
+  return deltas;
+}
+
+struct Extraction {
+  CharacterDefinitionRef definition =
+      CreateObject<CharacterDefinition>(CharacterDefinition::kClassId).value();
+  CharacterSolverConfigurationRef config =
+      CreateObject<CharacterSolverConfiguration>(CharacterSolverConfiguration::kClassId).value();
+  CharacterSolverRef solver = CreateObject<CharacterSolver>(CharacterSolver::kClassId).value();
+
+  explicit Extraction(const CharacterPoseRef& rest) {
+    EXPECT_TRUE(definition->SetSkeletonRestPose(rest));
+    EXPECT_TRUE(config->Setup(definition, definition, nullptr));
+  }
+  const CharacterPoseRef& Rest() const { return definition->GetSkeletonRestPose(); }
+
+  // Extracts against `source` and compares every delta, bit for bit, with the formula.
+  void ExpectFormula(const CharacterPoseRef& source) const {
+    const std::vector<Matrix> expected = ExpectedDeltas(*Rest(), *source);
+    Result<CharacterPoseRef> deltas = solver->ExtractGlobalDeltaPose(config, source);
+    ASSERT_TRUE(deltas);
+    ASSERT_EQ(deltas.value()->GetNodeTransformCount(), static_cast<Int>(expected.size()));
+    for (std::size_t i = 0; i < expected.size(); ++i)
+      EXPECT_EQ(deltas.value()->GetNodeTransformArray()[i]->GetGlobalMatrix(), expected[i])
+          << "node " << i;
+  }
+};
+
+TEST(PoseLookupIndex, KeepsTheFirstMatchThroughEveryChange) {
+  // Ten nodes, enough for the pose to index them: 3 twice, an empty element, then a node with
+  // the nil Uuid, which equals the empty Uuid.
+  const CharacterNodeTransformRef nil =
+      CreateNodeTransform(Uuid::Make(0, 0).value(), {}, {}).value();
+  std::vector<CharacterNodeTransformRef> first = Nodes({1, 3, 2, 3, 0, 5, 6, 7, 9});
+  first.push_back(nil);
+  CharacterPoseRef pose = Pose(first);
+  CharacterPose* writable = pose.MakeWritable().value();
+  const auto& nodes = pose->GetNodeTransformArray();
+  {
+    // Duplicates give the lower index; the empty Uuid finds the empty element before the nil
+    // node; a miss is null.
+    EXPECT_EQ(pose->GetNodeTransformByID(U(3)).value().Get(), nodes[1].Get());
+    EXPECT_EQ(pose->GetNodeTransformByID(U(9)).value().Get(), nodes[8].Get());
+    EXPECT_FALSE(pose->GetNodeTransformByID(Uuid()).value());
+    EXPECT_FALSE(pose->GetNodeTransformByID(Uuid::Make(0, 0).value()).value());
+    EXPECT_FALSE(pose->GetNodeTransformByID(U(4)).value());
+    // With the nil node first, both empty and nil find it.
+    std::swap(first[4], first[9]);
+    ASSERT_TRUE(writable->SetNodeTransformArray(Array(first)));
+    EXPECT_EQ(pose->GetNodeTransformByID(Uuid()).value().Get(), nil.Get());
+    EXPECT_EQ(pose->GetNodeTransformByID(Uuid::Make(0, 0).value()).value().Get(), nil.Get());
+  }
+  {
+    // A new array replaces the old index: reordered Uuids are found at their new places.
+    std::vector<CharacterNodeTransformRef> reordered = Nodes({9, 8, 7, 6, 5, 4, 3, 2, 1, 3});
+    ASSERT_TRUE(writable->SetNodeTransformArray(Array(reordered)));
+    EXPECT_EQ(pose->GetNodeTransformByID(U(3)).value().Get(), reordered[6].Get());
+    EXPECT_EQ(pose->GetNodeTransformByID(U(9)).value().Get(), reordered[0].Get());
+    EXPECT_FALSE(pose->GetNodeTransformByID(U(11)).value());
+  }
+  {
+    // A clone answers from its own array; changing it leaves the original's answers alone.
+    CharacterPoseRef clone = pose;
+    std::vector<CharacterNodeTransformRef> other = Nodes({11, 12, 13, 14, 15, 16, 17, 18, 9});
+    ASSERT_TRUE(clone.MakeWritable().value()->SetNodeTransformArray(Array(other)));
+    EXPECT_EQ(clone->GetNodeTransformByID(U(9)).value().Get(), other[8].Get());
+    EXPECT_EQ(pose->GetNodeTransformByID(U(9)).value().Get(), nodes[0].Get());
+    EXPECT_FALSE(clone->GetNodeTransformByID(U(1)).value());
+  }
+  {
+    // An element appended through the address DescribeIO hands out is found as well.
+    MemberList members;
+    ASSERT_TRUE(writable->DescribeIO(members));
+    auto* described =
+        static_cast<BaseArray<CharacterNodeTransformRef>*>(members.members[0].address);
+    const CharacterNodeTransformRef added = Node(42, 1);
+    ASSERT_TRUE(described->Append(added));
+    EXPECT_EQ(pose->GetNodeTransformByID(U(42)).value().Get(), added.Get());
+  }
+}
+
+TEST(DeltaExtraction, SourceLookupsKeepTheFirstMatch) {
+  // Twelve rest nodes; rest node 7 repeats the Uuid of rest node 2, so its delta is node 2's.
+  const std::vector<std::uint64_t> restLows = {1, 2, 3, 4, 5, 6, 7, 2, 9, 10, 11, 12};
+  Extraction extraction(Pose(Nodes(restLows)));
+  {
+    // The source in the rest pose's order: the first match of Uuid 2 is source node 1, not the
+    // source node at 7, which has other matrices.
+    extraction.ExpectFormula(Pose(Nodes(restLows, 20)));
+  }
+  {
+    // The order breaks after a few nodes (4 and 5 swapped), and the source holds more nodes.
+    extraction.ExpectFormula(Pose(Nodes({1, 2, 3, 5, 4, 6, 7, 2, 9, 10, 11, 12, 13, 14}, 30)));
+  }
+  {
+    // A Uuid appears early out of order: source node 1 carries Uuid 4, so later rest nodes must
+    // not take the source node at their own index.
+    extraction.ExpectFormula(Pose(Nodes({1, 4, 3, 2, 5, 6, 7, 8, 9, 10, 11, 12}, 40)));
+  }
+  {
+    // A shorter source, an empty source element, and a source in reverse order.
+    extraction.ExpectFormula(Pose(Nodes({1, 2, 3}, 50)));
+    extraction.ExpectFormula(Pose(Nodes({1, 0, 3, 4, 5, 6, 7, 2, 9, 10, 11, 12}, 60)));
+    extraction.ExpectFormula(Pose(Nodes({12, 11, 10, 9, 2, 7, 6, 5, 4, 3, 2, 1}, 70)));
+  }
+}
+
+TEST(DeltaExtraction, KeptRestDataFollowsTheRestPose) {
+  Extraction extraction(Pose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9})));
+  const CharacterPoseRef source = Pose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9}, 10));
+  extraction.ExpectFormula(source);
+  // Changed in place through a plain reference (the definition's pose object itself): the next
+  // extraction reads the new rest nodes.
+  CharacterPose* restPose = Cast<CharacterPose>(extraction.Rest().GetRef()).Get();
+  {
+    ASSERT_TRUE(restPose->SetNodeTransformArray(Array(Nodes({9, 8, 7, 6, 5, 4, 3, 2, 1}, 5))));
+    extraction.ExpectFormula(source);
+  }
+  {
+    // One element replaced through DescribeIO's address, storage and count unchanged.
+    MemberList members;
+    ASSERT_TRUE(restPose->DescribeIO(members));
+    auto* described =
+        static_cast<BaseArray<CharacterNodeTransformRef>*>(members.members[0].address);
+    (*described)[4] = Node(5, 77);
+    extraction.ExpectFormula(source);
+  }
+  {
+    // The extraction never changes the rest pose's nodes, nor holds references to them.
+    const CharacterNodeTransform* first = restPose->GetNodeTransformArray()[0].Get();
+    const Matrix global = first->GetGlobalMatrix();
+    extraction.ExpectFormula(source);
+    EXPECT_EQ(first->GetGlobalMatrix(), global);
+    EXPECT_EQ(first->GetRefCount(), 1);
+  }
+}
+
+TEST(DeltaExtraction, RestDataOutOfMemoryFailsOnceThenWorks) {
+  // The first extraction with a new rest pose needs memory for the kept data: when none can be
+  // had, the extraction fails with the out-of-memory error and keeps nothing half made.
+  Extraction extraction(Pose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})));
+  const CharacterPoseRef source = Pose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, 3));
+  const int failures = testing::ForEachFailingAllocation(
+      [] {}, [&] { return extraction.solver->ExtractGlobalDeltaPose(extraction.config, source); },
+      [&](const Result<CharacterPoseRef>& failed) {
+        EXPECT_FALSE(failed.has_value());
+        EXPECT_TRUE(failed.error().Is(ErrorKind::kOutOfMemory) ||
+                    failed.error().Is(ErrorKind::kNullReference));
+      });
+  EXPECT_GT(failures, 0);
+  extraction.ExpectFormula(source);
+}
+
+TEST(DeltaExtraction, ThreadsShareOneRestPose) {
+  // Several threads make the first extraction of one rest pose at once: each gets the formula's
+  // deltas (the kept data is published once, the others' copies dropped).
+  const std::vector<std::uint64_t> lows = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+  for (int round = 0; round < 20; ++round) {
+    Extraction extraction(Pose(Nodes(lows)));
+    const CharacterPoseRef source = Pose(Nodes(lows, round));
+    const std::vector<Matrix> expected = ExpectedDeltas(*extraction.Rest(), *source);
+    std::vector<int> mismatches(4, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&, t] {
+        for (int k = 0; k < 5; ++k) {
+          Result<CharacterPoseRef> deltas =
+              extraction.solver->ExtractGlobalDeltaPose(extraction.config, source);
+          if (!deltas) {
+            ++mismatches[t];
+            continue;
+          }
+          for (std::size_t i = 0; i < expected.size(); ++i) {
+            if (!(deltas.value()->GetNodeTransformArray()[i]->GetGlobalMatrix() == expected[i]))
+              ++mismatches[t];
+            if (!(deltas.value()->GetNodeTransformByID(U(lows[i])).value().Get() ==
+                  deltas.value()->GetNodeTransformArray()[i].Get()))
+              ++mismatches[t];
+          }
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (int t = 0; t < 4; ++t) EXPECT_EQ(mismatches[t], 0) << "thread " << t;
+  }
+}
+
+}  // namespace
+}  // namespace tarni
