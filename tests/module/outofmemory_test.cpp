@@ -14,8 +14,10 @@
 #include "support/faultwalk.h"
 #include "support/samplecharacter.h"
 #include "tarni/animationcommands.h"
+#include "tarni/ca.h"
 #include "tarni/datatype.h"
 #include "tarni/describe.h"
+#include "tarni/module.h"
 #include "tarni/retargetbasehelper.h"
 
 namespace tarni {
@@ -957,6 +959,8 @@ TEST(ModuleOutOfMemory, OperationsThatCannotFailAllocateNothing) {
   ASSERT_TRUE(writable->AssociateUuid(id, other));
   ASSERT_TRUE(writable->AssociateId(arm, leg));
   const CharacterBodyPartSolverSettingRef setting = testing::MakeSetting(arm, 0.5, true, true);
+  const CharacterBodyPartSolverSettingRef otherSetting =
+      testing::MakeSetting(leg, 0.1, false, false);
   CharacterSolverConfigurationRef config =
       Must(CreateObject<CharacterSolverConfiguration>(CharacterSolverConfiguration::kClassId));
   ASSERT_TRUE(config->Setup(definition, definition, association));
@@ -1055,6 +1059,20 @@ TEST(ModuleOutOfMemory, OperationsThatCannotFailAllocateNothing) {
          EXPECT_TRUE(data->SetShared(kAnimationCurvesId, curves));
          EXPECT_TRUE(data->Set<float>(kKeyReducerStrengthId, 0.25f));
        }},
+      {"CharacterBodyPartSolverSetting CopyFrom (one settings word into one)",
+       [&] {
+         EXPECT_TRUE(
+             const_cast<CharacterBodyPartSolverSetting*>(setting.Get())->CopyFrom(*otherSetting));
+       }},
+      {"CommandObserver progress and cancellation",
+       [&] {
+         CommandObserver* observer = Cast<CommandObserver>(const_cast<CommandData*>(data.Get()));
+         ASSERT_NE(observer, nullptr);
+         observer->SetProgressFunction(nullptr, nullptr);
+         observer->ReportProgress(0.5);
+         observer->RequestCancel();
+         EXPECT_TRUE(observer->IsCancelRequested());
+       }},
       {"CharacterSolver and RetargetBaseHelper describe nothing",
        [&] {
          MemberList members;
@@ -1064,6 +1082,39 @@ TEST(ModuleOutOfMemory, OperationsThatCannotFailAllocateNothing) {
   };
   for (const auto& [name, operation] : operations)
     EXPECT_TRUE(testing::AllocatesNothing(operation)) << name;
+}
+
+// Registering the module is all or nothing: a registration that runs out of memory undoes the
+// rows that ran, so none of the module's classes, data types or commands stays behind. Runs last:
+// it leaves the module registered again for whatever follows.
+TEST(ModuleOutOfMemory, RegistrationIsAllOrNothing) {
+  const ModuleBlock& block = ca::GetModuleBlock();
+  const Id classes[] = {CharacterNodeInfo::kClassId,
+                        CharacterNodeTransform::kClassId,
+                        CharacterPose::kClassId,
+                        CharacterTree::kClassId,
+                        CharacterBodyPart::kClassId,
+                        CharacterBodyPartSolverSetting::kClassId,
+                        CharacterDefinition::kClassId,
+                        CharacterAssociation::kClassId,
+                        CharacterSolverConfiguration::kClassId,
+                        CharacterSolver::kClassId,
+                        RetargetBaseHelper::kClassId};
+  const FaultCase item{"RegisterModule(net.tarni.ca)", [&] { UnregisterModule(block.moduleId); },
+                       [&] { return ErrorOf(RegisterModule(block)); },
+                       [&](const Error&) {
+                         EXPECT_EQ(FindModule(block.moduleId), nullptr);
+                         for (const Id& classId : classes)
+                           EXPECT_EQ(FindClass(classId), nullptr) << classId.GetText();
+                         EXPECT_EQ(FindDataType(kKeyframeDataTypeId), nullptr);
+                         EXPECT_EQ(FindDataType(kBodyPartTransferAttributeModeTypeId), nullptr);
+                         EXPECT_FALSE(CreateCommand(kBezierFitterCommandId));
+                         EXPECT_FALSE(CreateCommandData(kAnimationCommandDataClassId));
+                       }};
+  EXPECT_GT(testing::WalkFaults(item, {}), 0);
+  ASSERT_NE(FindModule(block.moduleId), nullptr);
+  // The class handles of the creation functions find the classes registered anew.
+  EXPECT_TRUE(CreateTree(Uuid(), "Hips"_s, true));
 }
 
 }  // namespace
