@@ -229,6 +229,24 @@ TEST(ModuleOutOfMemory, NodesAndPoses) {
          EXPECT_EQ(w.pose->GetNodeTransformCount(), 5);
        },
        kNoInstance},
+      // A pose large enough for a lookup index searches without one when the index gets no
+      // memory: the lookup never fails.
+      {"CharacterPose::GetNodeTransformByID (indexed pose)",
+       [&] {
+         fresh();
+         w.pose = testing::ChainPose(12, 50, 0.1);
+         w.id = U(57);
+       },
+       [&] {
+         const Result<CharacterNodeTransformRef> found = w.pose->GetNodeTransformByID(w.id);
+         if (found) w.nodeCopy = found.value();
+         return ErrorOf(found);
+       },
+       [&](const Error&) {
+         EXPECT_EQ(w.nodeCopy, w.pose->GetNodeTransformArray()[7]);
+         w.nodeCopy.Reset();
+       },
+       kAbsorbed},
       DumpCase("CharacterNodeInfo::ToString", fresh, [&] { return w.info->ToString(); }),
       DumpCase("CharacterNodeTransform::ToString", fresh, [&] { return w.node->ToString(); }),
       DumpCase("CharacterPose::ToString", fresh, [&] { return w.pose->ToString(); }),
