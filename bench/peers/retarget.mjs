@@ -183,9 +183,11 @@ function main() {
     text.push('', title, textTable(headers, r.rows), verdict);
     md.push(`## ${title}`, '', markdownTable(headers, r.rows), '', `${verdict}.`, '');
   }
-  text.push('', 'by design = angle between the target bone at rest as read and as tarni-ca aligns ' +
-            'it onto the source\'s rest (three.js does not align); equal rests = tarni-ca run ' +
-            'with --no-align-rest, where both tools are the same transfer');
+  const legend = 'by design = angle between the target bone at rest as read and as tarni-ca ' +
+    'aligns it onto the source\'s rest (three.js does not align); equal rests = tarni-ca run ' +
+    'with --no-align-rest, where both tools are the same transfer';
+  text.push('', legend);
+  md.push(`${legend}.`, '');
   console.log(text.join('\n'));
   writeFileSync(join(args.out, 'retarget.md'), md.join('\n'));
   writeFileSync(join(args.out, 'retarget.json'), JSON.stringify(results.map((r) => ({
