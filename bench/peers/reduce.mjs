@@ -126,7 +126,7 @@ function main() {
              everySetting: Math.max(...ourTimes) < Math.min(...theirs) };
   });
   const fit = byTool('fit-curve').map((r) => ({ keys: r.keysOut, error: r.maxError }));
-  // The largest error is decided by a few hard spots (wrapping Euler channels); the mean error
+  // The largest error is decided by a few hard spots (one-frame capture spikes); the mean error
   // shows the same fronts over all keys.
   const fitMean = byTool('fit-curve').map((r) => ({ keys: r.keysOut, error: r.meanError }));
   const against = byTool('tarni-ca').map((r) => ({
