@@ -57,23 +57,6 @@ TEST(KernelHeap, RecycledBlocksAreClearedAlignedAndReused) {
   Free(nullptr);  // ignored
 }
 
-TEST(KernelHeap, FaultInjectionCountsRecycledBlocks) {
-  // Warm the cache, so the armed allocations could all be served without the system allocator.
-  for (int i = 0; i < 4; ++i) Free(Allocate(64));
-  fault::FailNthAllocation(2);
-  void* first = Allocate(64);
-  void* second = AllocateCleared(64);
-  void* third = Allocate(64);
-  fault::Disarm();
-  EXPECT_NE(first, nullptr);
-  EXPECT_EQ(second, nullptr);
-  EXPECT_NE(third, nullptr);
-  EXPECT_TRUE(fault::Triggered());
-  EXPECT_EQ(fault::AllocationCount(), 3);
-  Free(first);
-  Free(third);
-}
-
 TEST(KernelHeap, BlocksCrossThreadsAndAreReleasedAtThreadExit) {
   // Made on one thread, freed on another: each block goes back whole (the address sanitizer
   // build reports any overlap or double release), and a thread's cached blocks are released when
