@@ -557,17 +557,6 @@ TEST(RetargetReduction, EvaluatesReducedCurvesAndMeasuresTheirError) {
   EXPECT_EQ(measure.keysOut, 4u);
   EXPECT_NEAR(measure.largestError, 3.0, 1e-9);
   EXPECT_EQ(measure.worstCurve, "b");
-  // The fitter keeps a straight line in two keys and the values at its ends.
-  CurveFile line;
-  line.fps = 30;
-  line.curves.push_back({"x", {}});
-  for (int i = 0; i < 30; ++i) line.curves[0].keys.push_back(key(i / 30.0f, 2.0f * i));
-  CurveFile out;
-  ASSERT_TRUE(ReduceCurves(line, 0.3f, out));
-  ASSERT_EQ(out.curves.size(), 1u);
-  EXPECT_EQ(out.curves[0].name, "x");
-  EXPECT_LT(out.curves[0].keys.size(), 5u);
-  EXPECT_LT(MeasureReduction(line, out).largestError, 0.1);
 }
 
 TEST(RetargetSetup, ReadsBackWhatItWroteAndSolvesTheSame) {
