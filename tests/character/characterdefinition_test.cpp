@@ -41,10 +41,6 @@ struct SampleCharacter {
 
 TEST(CharacterDefinition, StoresReferencesAndPrintsNodeInfoOnly) {
   CharacterDefinitionRef fresh = MakeDefinition();
-  EXPECT_FALSE(fresh->GetSkeletonTree());
-  EXPECT_FALSE(fresh->GetBodyPartTree());
-  EXPECT_FALSE(fresh->GetSkeletonRestPose());
-  EXPECT_FALSE(fresh->GetControllersRestPose());
   const std::string freshText =
       "Object ID : 00000000-0000-0000-0000-000000000000\nObject Name : \n";
   EXPECT_EQ(fresh->ToString().GetView(), freshText);

@@ -16,7 +16,6 @@ namespace {
 using namespace tarni::literals;
 using ca::CopyNodeWithUuid;
 using ca::CopyPoseWithNodes;
-using ca::FindFirstNode;
 using ca::PeekAssociatedUuid;
 using ca::PeekBodyPartSetting;
 
@@ -123,28 +122,6 @@ TEST(PoseNodes, CopyNodeWithUuidRenamesOnlyTheCopy) {
     EXPECT_TRUE(copy.error().Is(ErrorKind::kNullReference));
     EXPECT_EQ(copy.error().GetMessage(), "Copy-on-write reference could not be made writable.");
   }
-}
-
-TEST(FrameLookups, FindFirstNodeKeepsTheFirstMatchRule) {
-  const CharacterNodeTransformRef first = Node(5, 1.0);
-  const CharacterNodeTransformRef second = Node(5, 2.0);
-  const CharacterNodeTransformRef other = Node(6);
-  const BaseArray<CharacterNodeTransformRef> nodes = Array({other, first, nullptr, second});
-  // Of two nodes with one Uuid the first in array order wins, matched by value as well as by
-  // shared id data.
-  EXPECT_EQ(FindFirstNode(nodes, U(5)), &nodes[1]);
-  EXPECT_EQ(FindFirstNode(nodes, first->GetUuid()), &nodes[1]);
-  // The empty element stands for the empty Uuid, which equals the nil value.
-  EXPECT_EQ(FindFirstNode(nodes, Uuid()), &nodes[2]);
-  EXPECT_EQ(FindFirstNode(nodes, Uuid::Make(0, 0).value()), &nodes[2]);
-  // No match, and an empty array.
-  EXPECT_EQ(FindFirstNode(nodes, U(7)), nullptr);
-  EXPECT_EQ(FindFirstNode(BaseArray<CharacterNodeTransformRef>(), Uuid()), nullptr);
-  // The pose's own lookup follows the same rule.
-  const CharacterPoseRef pose = Pose({other, first, nullptr, second});
-  EXPECT_TRUE(pose->GetNodeTransformByID(U(5)).value() == first);
-  EXPECT_FALSE(pose->GetNodeTransformByID(Uuid()).value());
-  EXPECT_FALSE(pose->GetNodeTransformByID(U(7)).value());
 }
 
 TEST(FrameLookups, PeeksGiveWhatTheInterfacesGive) {

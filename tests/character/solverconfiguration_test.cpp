@@ -67,11 +67,6 @@ TEST(CharacterSolverConfiguration, SetupStoresTheGivenObjectsWithoutCopying) {
   EXPECT_EQ(config->GetSourceCharacter().Get(), source.Get());
   EXPECT_EQ(config->GetTargetCharacter().Get(), target.Get());
   EXPECT_EQ(config->GetCharacterAssociation().Get(), association.Get());
-  // Unchecked values are stored as given.
-  config->SetGlobalWeight(-1.0);
-  config->SetSolvingMode(SolvingMode{5});
-  EXPECT_EQ(config->GetGlobalWeight(), -1.0);
-  EXPECT_EQ(config->GetSolvingMode(), SolvingMode{5});
   // Dropping the configuration releases what it held.
   const std::int32_t before = source->GetRefCount();
   config.Reset();
