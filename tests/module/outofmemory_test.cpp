@@ -503,7 +503,7 @@ TEST(ModuleOutOfMemory, SolverAndRetargetHelper) {
     Parts parts, destination;
     CharacterAssociationRef association, outAssociation;
     RetargetAssociationStatistics statistics;
-    std::string restText, sourceText, partsShape;
+    std::string restText, sourceText, bigRestText, partsShape;
   } w;
   auto fresh = [&] {
     w = World();
@@ -531,6 +531,7 @@ TEST(ModuleOutOfMemory, SolverAndRetargetHelper) {
       EXPECT_TRUE(w.association.MakeWritable().value()->AssociateUuid(U(100 + i), U(200 + i)));
     w.restText = View(w.rest->ToString());
     w.sourceText = View(w.source->ToString());
+    w.bigRestText = View(w.bigRest->ToString());
     w.partsShape = ShapeOf(w.parts.Root());
     for (const CharacterNodeTransformRef& node : w.rest->GetNodeTransformArray())
       w.watched.push_back(ObjectOf(node));
@@ -545,6 +546,7 @@ TEST(ModuleOutOfMemory, SolverAndRetargetHelper) {
   auto posesKept = [&](const Error&) {
     EXPECT_EQ(View(w.rest->ToString()), w.restText);
     EXPECT_EQ(View(w.source->ToString()), w.sourceText);
+    EXPECT_EQ(View(w.bigRest->ToString()), w.bigRestText);
     w.outPose.Reset();
   };
 
@@ -573,7 +575,16 @@ TEST(ModuleOutOfMemory, SolverAndRetargetHelper) {
       {"CharacterSolver::ExtractGlobalDeltaPose", fresh,
        [&] { return ErrorOf(w.solver->ExtractGlobalDeltaPose(w.config, w.source)); }, posesKept,
        kNoInstance},
-      // A pose too large for the lookup index on the stack does without an index it cannot get.
+      // Later frames find the rest data the first extraction kept with the rest pose.
+      {"CharacterSolver::ExtractGlobalDeltaPose (rest data kept)",
+       [&] {
+         fresh();
+         EXPECT_TRUE(w.solver->ExtractGlobalDeltaPose(w.bigConfig, w.bigSource));
+       },
+       [&] { return ErrorOf(w.solver->ExtractGlobalDeltaPose(w.bigConfig, w.bigSource)); },
+       posesKept, kNoInstance},
+      // A large pose: the rest data and the lookup indexes are made during the call. An index the
+      // lookups can do without may fail unnoticed; then the result is the clean run's.
       {"CharacterSolver::ExtractGlobalDeltaPose (large pose)", fresh,
        [&] {
          Result<CharacterPoseRef> delta =
