@@ -3,6 +3,8 @@
 // of the arrays and the formula give, after any change of the pose, and on several threads.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <random>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -99,6 +101,42 @@ struct Extraction {
           << "node " << i;
   }
 };
+
+// Equal bit for bit, so that a zero of the other sign shows.
+::testing::AssertionResult SameBits(const Matrix& a, const Matrix& b) {
+  if (std::memcmp(&a, &b, sizeof(Matrix)) == 0) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "matrices differ in their bits";
+}
+
+TEST(PairedProducts, EqualTheFrameworkProductBitForBit) {
+  std::mt19937_64 random(7);
+  std::uniform_real_distribution<double> value(-3.0, 3.0);
+  auto randomMatrix = [&] {
+    Matrix m;
+    for (Vector* v : {&m.off, &m.v1, &m.v2, &m.v3})
+      *v = {value(random), value(random), value(random)};
+    return m;
+  };
+  {
+    // Random operands, and operands whose products round differently in every lane order.
+    for (int k = 0; k < 200; ++k) {
+      const Matrix a = randomMatrix();
+      Matrix b = randomMatrix();
+      if (k % 2 == 1) b.v2 = b.v2 * 1e-17;
+      EXPECT_TRUE(SameBits(ca::Product(a, b), a * b)) << "pair " << k;
+      Matrix linear = a * b;
+      linear.off = {0.0, 0.0, 0.0};
+      EXPECT_TRUE(SameBits(ca::Multiply3x3(a, b), linear)) << "pair " << k;
+    }
+  }
+  {
+    // Negative zeros keep their sign where the framework's product keeps it.
+    const Matrix a{{-0.0, 0.0, -0.0}, {-0.0, 1, 0}, {0, -0.0, 1}, {1, 0, -0.0}};
+    const Matrix b{{0.0, -0.0, -0.0}, {-1, -0.0, 0}, {-0.0, 1, -0.0}, {0, 0, -1}};
+    EXPECT_TRUE(SameBits(ca::Product(a, b), a * b));
+    EXPECT_TRUE(SameBits(ca::Product(b, a), b * a));
+  }
+}
 
 TEST(PoseLookupIndex, KeepsTheFirstMatchThroughEveryChange) {
   // Ten nodes, enough for the pose to index them: 3 twice, an empty element, then a node with
