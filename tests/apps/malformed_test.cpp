@@ -183,7 +183,7 @@ TEST(MalformedSetupFile, TurnsDownNumbersAndNestingItCannotHold) {
        "s.json: solverConfiguration._bpSettings must be an array of [key, value] pairs"},
       // Nested deeper than any skeleton: turned down before the recursion could exhaust the stack.
       {NestedSetup(20000),
-       "s.json: objects nest deeper than 1000 levels at "
+       "s.json: objects nest deeper than 256 levels at "
        "solverConfiguration._sourceCharacter.SkeletonRoot...children[0].children[0]."
        "children[0].children[0].children[0]"},
   };
@@ -194,10 +194,12 @@ TEST(MalformedSetupFile, TurnsDownNumbersAndNestingItCannotHold) {
     EXPECT_EQ(error.ToText(), c.message);
     EXPECT_FALSE(config) << c.message;
   }
-  // A deep tree within the bound reads, and writes back as it was read.
+  // A deep tree within the bound reads, and writes back as it was read; a few levels more do not.
   CharacterSolverConfigurationRef config;
   IoError error;
-  ASSERT_TRUE(ReadSetup(NestedSetup(990), "s.json", config, error)) << error.ToText();
+  EXPECT_FALSE(ReadSetup(NestedSetup(255), "s.json", config, error));
+  EXPECT_EQ(error.message.rfind("objects nest deeper than 256 levels at ", 0), 0u) << error.message;
+  ASSERT_TRUE(ReadSetup(NestedSetup(250), "s.json", config, error)) << error.ToText();
   std::string text;
   ASSERT_TRUE(WriteSetup(config, text, error)) << error.ToText();
   CharacterSolverConfigurationRef again;
@@ -286,7 +288,7 @@ TEST(MalformedFilesInTheHost, ExitTwoWithOneLineAndNoOutput) {
        ":10: value 1 of the frame row is not a finite number: 'nan'"},
       {"setup.json", NestedSetup(5000),
        "retarget @good.bvh --target @good.bvh --setup @setup.json -o @out.bvh",
-       ": objects nest deeper than 1000 levels at "
+       ": objects nest deeper than 256 levels at "
        "solverConfiguration._sourceCharacter.SkeletonRoot...children[0].children[0]."
        "children[0].children[0].children[0]"},
       {"in.bvh", kOneJoint + "\tJOINT Hips\n", "inspect @in.bvh",

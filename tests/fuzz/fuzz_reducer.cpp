@@ -148,10 +148,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool useKeySelection = in.ConsumeBool();
 
   KeyCurves curves;
-  while (in.remaining_bytes() > 0 && curves.GetCount() < 5000) {
+  Int keyCount = 0;
+  while (in.remaining_bytes() > 0 && curves.GetCount() < 5000 && keyCount < 100000) {
     KeyArray curve = DecodeCurve(in);
-    // Now and then many copies of a curve: thousands of curves from a few bytes.
-    const int copies = in.ConsumeIntegral<std::uint8_t>() >= 250 ? 1000 : 1;
+    // Now and then many copies of a short curve: thousands of curves from a few bytes (long ones
+    // would only make each run slow).
+    const bool many = in.ConsumeIntegral<std::uint8_t>() >= 250 && curve.GetCount() <= 16;
+    const int copies = many ? 2000 : 1;
+    keyCount += copies * curve.GetCount();
     for (int c = 0; c < copies; ++c) {
       KeyArray copy;
       if (!copy.CopyFrom(curve) || !curves.Append(std::move(copy))) return 0;

@@ -90,9 +90,10 @@ const Kind* FindKind(const Id& interfaceId) {
 std::string IdText(const Id& id) { return std::string(id.GetText()); }
 
 // Objects nest (a tree node in its parent's children, a definition in the configuration) and the
-// reader and writer follow them by recursion; past this depth, far beyond any skeleton, a file is
-// turned down rather than let it exhaust the stack.
-constexpr int kMaxDepth = 1000;
+// reader, the writer and the JSON text formatter follow them by recursion; past this depth, far
+// beyond any skeleton (whose deepest chains have some 30 joints), a set-up is turned down rather
+// than let it exhaust the stack of a worker thread or a sanitizer build.
+constexpr int kMaxDepth = 256;
 
 // A member path for a message, the members in its middle left out when a deep nesting has made it
 // long.
