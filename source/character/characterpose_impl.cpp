@@ -14,11 +14,11 @@ class CharacterPoseImpl final : public CharacterPose {
   TARNI_IMPLEMENTS(CharacterPoseImpl, CharacterPose)
  public:
   CharacterPoseImpl() noexcept = default;
-  ~CharacterPoseImpl() override { DropIndex(); }
+  ~CharacterPoseImpl() override { DropDerivedData(); }
 
   Result<void> SetNodeTransformArray(
       const BaseArray<CharacterNodeTransformRef>& source) noexcept override {
-    DropIndex();
+    DropDerivedData();
     return ReplaceList(_nodeTransforms, source);
   }
   const BaseArray<CharacterNodeTransformRef>& GetNodeTransformArray() const noexcept override {
@@ -70,7 +70,7 @@ class CharacterPoseImpl final : public CharacterPose {
 
   // Takes over `nodes` as the whole array (see CopyPoseWithNodes).
   void TakeNodeTransformArray(BaseArray<CharacterNodeTransformRef>&& nodes) noexcept {
-    DropIndex();
+    DropDerivedData();
     _nodeTransforms = std::move(nodes);
   }
 
@@ -99,7 +99,7 @@ class CharacterPoseImpl final : public CharacterPose {
   static constexpr Int kIndexedCount = 8;
 
   // Drops the index and the companion: both are derived from the array.
-  void DropIndex() noexcept {
+  void DropDerivedData() noexcept {
     DeleteNodeIndex(_index.exchange(nullptr, std::memory_order_acq_rel));
     if (PoseCompanion* companion = _companion.exchange(nullptr, std::memory_order_acq_rel))
       companion->destroy(companion);
