@@ -26,16 +26,20 @@ int RotationAxis(Channel channel) {
   }
 }
 
-double Component(const Vector& v, int index) { return index == 0 ? v.x : index == 1 ? v.y : v.z; }
-
-// Row `row`, column `column` of the 3x3 part: the columns are the images of the axes.
+// Row `row`, column `column` of the 3x3 part: the columns are the images of the axes. Looked up
+// through tables rather than branches: the conversion reads a dozen entries per joint and frame.
 double At(const Matrix& m, int row, int column) {
-  return Component(column == 0 ? m.v1 : column == 1 ? m.v2 : m.v3, row);
+  static constexpr Vector Matrix::*kColumns[3] = {&Matrix::v1, &Matrix::v2, &Matrix::v3};
+  static constexpr double Vector::*kRows[3] = {&Vector::x, &Vector::y, &Vector::z};
+  return m.*kColumns[column].*kRows[row];
 }
 
 Matrix AxisRotation(int axis, double radians) {
-  const double c = std::cos(radians);
-  const double s = std::sin(radians);
+  // A zero angle, common in motion files for joints that never turn, skips the trigonometry:
+  // cos(+-0) is exactly 1 and sin(+-0) exactly the signed zero itself.
+  const bool zero = radians == 0.0;
+  const double c = zero ? 1.0 : std::cos(radians);
+  const double s = zero ? radians : std::sin(radians);
   Matrix m;
   if (axis == 0) {
     m.v2 = {0, c, s};
@@ -100,7 +104,13 @@ bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double de
   }
   // The third angle from what remains once the first two are undone, so the three compose to the
   // input exactly even where the first angle is poorly conditioned (close to gimbal lock).
-  const Matrix rest = AxisRotation(j, -middle) * AxisRotation(i, -first) * r;
+  // Only the column AxisAngle reads is formed: each column of a product is computed on its own,
+  // so it is the very column the whole product would hold.
+  const Matrix undo = AxisRotation(j, -middle) * AxisRotation(i, -first);
+  static constexpr Vector Matrix::*kColumns[3] = {&Matrix::v1, &Matrix::v2, &Matrix::v3};
+  const int read = (k + 1) % 3;  // the column AxisAngle reads
+  Matrix rest;
+  rest.*kColumns[read] = TransformVector(undo, r.*kColumns[read]);
   const double third = AxisAngle(rest, k);
 
   double primary[3] = {first * kDegrees, middle * kDegrees, third * kDegrees};

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "motion/euler.h"
 
@@ -108,15 +109,23 @@ void JointValues(const BvhJoint& joint, const Matrix& local, PositionMode mode,
 
 }  // namespace
 
-void ComputeGlobals(const BvhMotion& motion, std::span<const Matrix> locals,
-                    std::vector<Matrix>& globals) {
+// ComputeGlobals over the flagged joints only (all of them for a short flag list).
+void ComputeGlobalsOf(const BvhMotion& motion, std::span<const Matrix> locals,
+                      std::span<const uint8_t> needed, std::vector<Matrix>& globals) {
   const size_t count = std::min(motion.joints.size(), locals.size());
+  const bool all = needed.size() < count;
   globals.resize(count);
   for (size_t j = 0; j < count; ++j) {
+    if (!all && needed[j] == 0) continue;
     const int parent = motion.joints[j].parent;
     const bool root = parent < 0 || static_cast<size_t>(parent) >= j;
     globals[j] = root ? locals[j] : globals[static_cast<size_t>(parent)] * locals[j];
   }
+}
+
+void ComputeGlobals(const BvhMotion& motion, std::span<const Matrix> locals,
+                    std::vector<Matrix>& globals) {
+  ComputeGlobalsOf(motion, locals, {}, globals);
 }
 
 void ComputeRestPose(const BvhMotion& motion, std::vector<Matrix>& locals,
@@ -128,19 +137,41 @@ void ComputeRestPose(const BvhMotion& motion, std::vector<Matrix>& locals,
 
 void ComputeFrame(const BvhMotion& motion, int64_t frame, std::span<const PositionMode> modes,
                   std::vector<Matrix>& locals, std::vector<Matrix>& globals) {
+  ComputeFrameJoints(motion, frame, modes, {}, locals, globals);
+}
+
+void ComputeFrameJoints(const BvhMotion& motion, int64_t frame, std::span<const PositionMode> modes,
+                        std::span<const uint8_t> needed, std::vector<Matrix>& locals,
+                        std::vector<Matrix>& globals) {
   if (frame < 0 || frame >= motion.frameCount || !ValuesMatchChannels(motion)) {
     ComputeRestPose(motion, locals, globals);
     return;
   }
+  const bool all = needed.size() < motion.joints.size();
   locals.resize(motion.joints.size());
   const double* values =
       motion.values.data() + static_cast<size_t>(frame) * static_cast<size_t>(motion.channelCount);
   for (size_t j = 0; j < motion.joints.size(); ++j) {
     const BvhJoint& joint = motion.joints[j];
-    locals[j] = JointLocal(joint, values, ModeOf(modes, j));
+    if (all || needed[j] != 0) locals[j] = JointLocal(joint, values, ModeOf(modes, j));
     values += joint.channels.size();
   }
-  ComputeGlobals(motion, locals, globals);
+  ComputeGlobalsOf(motion, locals, all ? std::span<const uint8_t>() : needed, globals);
+}
+
+std::vector<uint8_t> JointsWithAncestors(const BvhMotion& motion, std::span<const int> joints) {
+  std::vector<uint8_t> flags(motion.joints.size(), 0);
+  for (const int joint : joints) {
+    // Stops at a flagged joint (its ancestors are flagged already) and at a bad parent index,
+    // which ComputeGlobals reads as a root.
+    for (int j = joint;
+         j >= 0 && static_cast<size_t>(j) < flags.size() && flags[static_cast<size_t>(j)] == 0;) {
+      flags[static_cast<size_t>(j)] = 1;
+      const int parent = motion.joints[static_cast<size_t>(j)].parent;
+      j = parent < j ? parent : -1;
+    }
+  }
+  return flags;
 }
 
 PositionMode GuessPositionMode(const BvhMotion& motion, int joint) {
@@ -200,6 +231,88 @@ bool SetFrameFromLocals(BvhMotion& motion, int64_t frame, std::span<const Positi
   const size_t width = static_cast<size_t>(motion.channelCount);
   double* row = motion.values.data() + static_cast<size_t>(frame) * width;
   RowFromLocals(motion, modes, locals, frame > 0 ? row - width : nullptr, {row, width});
+  return true;
+}
+
+FrameRowWriter::FrameRowWriter(const BvhMotion& motion, std::span<const PositionMode> modes) {
+  _joints.resize(motion.joints.size());
+  for (size_t j = 0; j < motion.joints.size(); ++j) {
+    const BvhJoint& joint = motion.joints[j];
+    Joint& plan = _joints[j];
+    plan.first = static_cast<int>(_channels);
+    plan.channels = static_cast<int>(joint.channels.size());
+    plan.mode = ModeOf(modes, j);
+    // The rotation layout as JointValues works it out for every row.
+    for (size_t c = 0; c < joint.channels.size(); ++c) {
+      const Channel channel = joint.channels[c];
+      if (!IsRotation(channel)) continue;
+      bool seen = false;
+      for (int n = 0; n < plan.rotations; ++n) seen = seen || plan.order[n] == channel;
+      if (seen) continue;
+      plan.order[plan.rotations] = channel;
+      plan.column[plan.rotations] = static_cast<int>(c);
+      ++plan.rotations;
+    }
+    if (plan.rotations > 0) {
+      int count = plan.rotations;
+      for (const Channel axis : {Channel::kXrotation, Channel::kYrotation, Channel::kZrotation}) {
+        bool seen = false;
+        for (int n = 0; n < count; ++n) seen = seen || plan.order[n] == axis;
+        if (!seen && count < 3) plan.order[count++] = axis;
+      }
+    }
+    _channels += joint.channels.size();
+  }
+}
+
+bool FrameRowWriter::Write(BvhMotion& motion, int64_t frame, std::span<const Matrix> locals) {
+  if (frame < 0 || frame >= motion.frameCount || !ValuesMatchChannels(motion) ||
+      locals.size() < motion.joints.size() || motion.joints.size() != _joints.size() ||
+      static_cast<size_t>(motion.channelCount) != _channels) {
+    return false;
+  }
+  const size_t width = static_cast<size_t>(motion.channelCount);
+  double* row = motion.values.data() + static_cast<size_t>(frame) * width;
+  const double* previousRow = frame > 0 ? row - width : nullptr;
+  for (size_t j = 0; j < _joints.size(); ++j) {
+    Joint& plan = _joints[j];
+    const BvhJoint& joint = motion.joints[j];
+    const Matrix& local = locals[j];
+    double* out = row + plan.first;
+    const double* previous = previousRow != nullptr ? previousRow + plan.first : nullptr;
+    if (plan.rotations > 0) {
+      // A repeated axis writes 0: the first one carries the angle.
+      for (int c = 0; c < plan.channels; ++c) {
+        if (IsRotation(joint.channels[static_cast<size_t>(c)])) out[c] = 0.0;
+      }
+      double before[3] = {0.0, 0.0, 0.0};
+      for (int n = 0; n < 3; ++n) {
+        if (previous != nullptr && plan.column[n] >= 0) before[n] = previous[plan.column[n]];
+      }
+      const tarni::Vector axes[3] = {local.v1, local.v2, local.v3};
+      const bool same = plan.converted && plan.hadPrevious == (previous != nullptr) &&
+                        std::memcmp(plan.axes, axes, sizeof axes) == 0 &&
+                        std::memcmp(plan.before, before, sizeof before) == 0;
+      if (!same) {
+        double angles[3] = {0.0, 0.0, 0.0};
+        EulerFromRotation(local, plan.order, angles, previous != nullptr ? before : nullptr);
+        plan.converted = true;
+        plan.hadPrevious = previous != nullptr;
+        std::memcpy(plan.axes, axes, sizeof axes);
+        std::memcpy(plan.before, before, sizeof before);
+        std::memcpy(plan.angles, angles, sizeof angles);
+      }
+      for (int n = 0; n < 3; ++n) {
+        if (plan.column[n] >= 0) out[plan.column[n]] = plan.angles[n];
+      }
+    }
+    for (int c = 0; c < plan.channels; ++c) {
+      const int axis = PositionAxis(joint.channels[static_cast<size_t>(c)]);
+      if (axis < 0) continue;
+      const double value = Component(local.off, axis);
+      out[c] = plan.mode == PositionMode::kAbsolute ? value : value - joint.offset[axis];
+    }
+  }
   return true;
 }
 

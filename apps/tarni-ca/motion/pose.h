@@ -34,6 +34,19 @@ void ComputeRestPose(const BvhMotion& motion, std::vector<tarni::Matrix>& locals
 void ComputeFrame(const BvhMotion& motion, int64_t frame, std::span<const PositionMode> modes,
                   std::vector<tarni::Matrix>& locals, std::vector<tarni::Matrix>& globals);
 
+// ComputeFrame for the joints flagged in `needed` (one flag per joint, nonzero: computed) only:
+// the other joints' entries keep what they held (identity when the vectors grow). Every flagged
+// joint's parent must be flagged too, as JointsWithAncestors makes them; a flag list shorter than
+// the joints computes every joint. A frame that ComputeFrame answers with the rest pose gives the
+// whole rest pose here too. A frame loop that reads a few joints saves the others' trigonometry.
+void ComputeFrameJoints(const BvhMotion& motion, int64_t frame, std::span<const PositionMode> modes,
+                        std::span<const uint8_t> needed, std::vector<tarni::Matrix>& locals,
+                        std::vector<tarni::Matrix>& globals);
+
+// One flag per joint of `motion`: 1 for every joint of `joints` and each of its ancestors, 0 for
+// the rest. Indices out of range are ignored.
+std::vector<uint8_t> JointsWithAncestors(const BvhMotion& motion, std::span<const int> joints);
+
 // Decides from the data how `joint`'s position channels are meant: the mean of each position
 // channel over all frames is compared with the offset, and the mode is kAbsolute when that mean
 // lies nearer to the offset than to zero (its projection onto the offset exceeds half the
@@ -62,5 +75,39 @@ void RowFromLocals(const BvhMotion& motion, std::span<const PositionMode> modes,
 // match frameCount * channelCount.
 bool SetFrameFromLocals(BvhMotion& motion, int64_t frame, std::span<const PositionMode> modes,
                         std::span<const tarni::Matrix> locals);
+
+// SetFrameFromLocals for a frame loop that fills a motion's rows in order: the channel layout is
+// worked out once, and each joint keeps its last conversion. A joint whose 3x3 part and previous
+// angles equal (bit for bit) those of its last conversion takes that conversion's angles without
+// redoing the trigonometry: the angles depend on nothing else. Rows come out exactly as
+// SetFrameFromLocals writes them. Holds no reference to the motion; the joints and channels must
+// stay those it was made for.
+class FrameRowWriter {
+ public:
+  FrameRowWriter(const BvhMotion& motion, std::span<const PositionMode> modes);
+
+  // SetFrameFromLocals(motion, frame, modes, locals), with the same checks and result.
+  bool Write(BvhMotion& motion, int64_t frame, std::span<const tarni::Matrix> locals);
+
+ private:
+  struct Joint {
+    int first = 0;     // the column of the joint's first channel
+    int channels = 0;  // its channel count
+    PositionMode mode = PositionMode::kRelative;
+    int rotations = 0;  // distinct rotation axes; 0: no rotation to write
+    Channel order[3] = {};
+    int column[3] = {-1, -1, -1};  // row column per angle, -1: dropped
+    // The last conversion: the 3x3 part, the previous angles it was given, whether it had
+    // them, and its angles.
+    bool converted = false;
+    bool hadPrevious = false;
+    tarni::Vector axes[3];
+    double before[3] = {};
+    double angles[3] = {};
+  };
+
+  size_t _channels = 0;  // the joints' channel count, summed
+  std::vector<Joint> _joints;
+};
 
 }  // namespace tarni::host

@@ -605,6 +605,17 @@ bool Retargeter::MakeSolverState(IoError& error) {
       _targetNodes.push_back(TARNI_TRY(
           tarni::CreateNodeTransform(_target.uuids[j], _alignedGlobals[j], parentGlobal)));
     }
+    // A source node's parent global is its rest parent's every frame; only its global changes.
+    const BvhMotion& source = *_source.motion;
+    _sourceNodes.Reset();
+    TARNI_TRY(_sourceNodes.EnsureCapacity(static_cast<tarni::Int>(_restPoseSources.size())));
+    for (int s : _restPoseSources) {
+      const int parent = source.joints[static_cast<size_t>(s)].parent;
+      TARNI_TRY(_sourceNodes.Append(TARNI_TRY(tarni::CreateNodeTransform(
+          _source.uuids[static_cast<size_t>(s)], _source.restGlobals[static_cast<size_t>(s)],
+          parent >= 0 ? _source.restGlobals[static_cast<size_t>(parent)] : Matrix()))));
+    }
+    _sourceNeeded = JointsWithAncestors(source, _restPoseSources);
     _settingOf.assign(targetCount, nullptr);
     _weightOf.assign(targetCount, 0.0);
     for (size_t j = 0; j < targetCount; ++j) {
@@ -627,7 +638,7 @@ bool Retargeter::MakeSolverState(IoError& error) {
 bool Retargeter::SolveFrame(int64_t frame, std::vector<Matrix>& targetLocals, IoError& error) {
   const BvhMotion& source = *_source.motion;
   const BvhMotion& target = *_target.motion;
-  ComputeFrame(source, frame, _source.modes, _locals, _globals);
+  ComputeFrameJoints(source, frame, _source.modes, _sourceNeeded, _locals, _globals);
   const size_t targetCount = target.joints.size();
   targetLocals.resize(targetCount);
   _newGlobals.resize(targetCount);
@@ -637,17 +648,15 @@ bool Retargeter::SolveFrame(int64_t frame, std::vector<Matrix>& targetLocals, Io
     // the joint's whole world rotation since rest; the target then takes world rotations, which
     // keeps a driven bone pointing where its source bone points even where the two chains differ
     // in length.
-    tarni::BaseArray<tarni::CharacterNodeTransformRef> nodes;
-    TARNI_TRY(nodes.EnsureCapacity(static_cast<tarni::Int>(_restPoseSources.size())));
-    for (int s : _restPoseSources) {
-      const int parent = source.joints[static_cast<size_t>(s)].parent;
-      TARNI_TRY(nodes.Append(TARNI_TRY(tarni::CreateNodeTransform(
-          _source.uuids[static_cast<size_t>(s)], _globals[static_cast<size_t>(s)],
-          parent >= 0 ? _source.restGlobals[static_cast<size_t>(parent)] : Matrix()))));
+    // The last frame's pose is gone, so the nodes are this set-up's alone and are written in
+    // place; should anything still hold one, MakeWritable gives this frame a copy instead.
+    for (size_t k = 0; k < _restPoseSources.size(); ++k) {
+      TARNI_TRY(_sourceNodes[static_cast<tarni::Int>(k)].MakeWritable())
+          ->SetGlobalMatrix(_globals[static_cast<size_t>(_restPoseSources[k])]);
     }
-    tarni::CharacterPoseRef pose(
-        TARNI_TRY(tarni::CreateObject<tarni::CharacterPose>(tarni::CharacterPose::kClassId)));
-    TARNI_TRY(TARNI_TRY(pose.MakeWritable())->SetNodeTransformArray(nodes));
+    static constinit tarni::ClassHandle poseClass(tarni::CharacterPose::kClassId);
+    tarni::CharacterPoseRef pose(TARNI_TRY(poseClass.Create<tarni::CharacterPose>()));
+    TARNI_TRY(TARNI_TRY(pose.MakeWritable())->SetNodeTransformArray(_sourceNodes));
     const tarni::CharacterPoseRef delta = TARNI_TRY(_solver->ExtractGlobalDeltaPose(_config, pose));
     const tarni::CharacterPoseRef renamed =
         TARNI_TRY(_helper->TranslateSrcToDestID(_association, delta));
@@ -677,14 +686,18 @@ bool Retargeter::SolveFrame(int64_t frame, std::vector<Matrix>& targetLocals, Io
 
 bool Retargeter::Run(BvhMotion& output, IoError& error) {
   const BvhMotion& source = *_source.motion;
-  output = *_target.motion;
+  // The target's skeleton without its own frames, which would only be copied to be overwritten.
+  const BvhMotion& target = *_target.motion;
+  output.joints = target.joints;
+  output.channelCount = target.channelCount;
   output.frameCount = source.frameCount;
   output.frameTime = source.frameTime;
   output.values.assign(static_cast<size_t>(source.frameCount * output.channelCount), 0.0);
   std::vector<Matrix> locals;
+  FrameRowWriter writer(output, _target.modes);
   for (int64_t frame = 0; frame < source.frameCount; ++frame) {
     if (!SolveFrame(frame, locals, error)) return false;
-    SetFrameFromLocals(output, frame, _target.modes, locals);
+    writer.Write(output, frame, locals);
   }
   for (double value : output.values) {
     if (!std::isfinite(value)) {

@@ -118,6 +118,10 @@ class Retargeter {
   std::vector<tarni::Matrix> _alignedLocals;
   std::vector<tarni::Matrix> _alignedGlobals;
   std::vector<tarni::CharacterNodeTransformRef> _targetNodes;  // working copies, one per joint
+  // The source pose's nodes, one per entry of _restPoseSources, kept from frame to frame: each
+  // frame writes their global matrices and hands them to a new pose.
+  tarni::BaseArray<tarni::CharacterNodeTransformRef> _sourceNodes;
+  std::vector<uint8_t> _sourceNeeded;  // the source joints a frame reads (ComputeFrameJoints)
   std::vector<tarni::CharacterBodyPartSolverSettingRef> _settingOf;
   std::vector<double> _weightOf;
   double _ratio = 1.0;
