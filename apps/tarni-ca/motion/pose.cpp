@@ -240,19 +240,29 @@ FrameRowWriter::FrameRowWriter(const BvhMotion& motion, std::span<const Position
     const BvhJoint& joint = motion.joints[j];
     Joint& plan = _joints[j];
     plan.first = static_cast<int>(_channels);
-    plan.channels = static_cast<int>(joint.channels.size());
     plan.mode = ModeOf(modes, j);
+    plan.zeroFirst = static_cast<int>(_zeroColumns.size());
+    plan.positionFirst = static_cast<int>(_positions.size());
+    for (size_t c = 0; c < joint.channels.size(); ++c) {
+      const int axis = PositionAxis(joint.channels[c]);
+      if (axis >= 0) _positions.push_back({static_cast<int>(c), axis});
+    }
+    plan.positionEnd = static_cast<int>(_positions.size());
     // The rotation layout as JointValues works it out for every row.
     for (size_t c = 0; c < joint.channels.size(); ++c) {
       const Channel channel = joint.channels[c];
       if (!IsRotation(channel)) continue;
       bool seen = false;
       for (int n = 0; n < plan.rotations; ++n) seen = seen || plan.order[n] == channel;
-      if (seen) continue;
+      if (seen) {
+        _zeroColumns.push_back(static_cast<int>(c));
+        continue;
+      }
       plan.order[plan.rotations] = channel;
       plan.column[plan.rotations] = static_cast<int>(c);
       ++plan.rotations;
     }
+    plan.zeroEnd = static_cast<int>(_zeroColumns.size());
     if (plan.rotations > 0) {
       int count = plan.rotations;
       for (const Channel axis : {Channel::kXrotation, Channel::kYrotation, Channel::kZrotation}) {
@@ -282,9 +292,8 @@ bool FrameRowWriter::Write(BvhMotion& motion, int64_t frame, std::span<const Mat
     const double* previous = previousRow != nullptr ? previousRow + plan.first : nullptr;
     if (plan.rotations > 0) {
       // A repeated axis writes 0: the first one carries the angle.
-      for (int c = 0; c < plan.channels; ++c) {
-        if (IsRotation(joint.channels[static_cast<size_t>(c)])) out[c] = 0.0;
-      }
+      for (int z = plan.zeroFirst; z < plan.zeroEnd; ++z)
+        out[_zeroColumns[static_cast<size_t>(z)]] = 0.0;
       double before[3] = {0.0, 0.0, 0.0};
       for (int n = 0; n < 3; ++n) {
         if (previous != nullptr && plan.column[n] >= 0) before[n] = previous[plan.column[n]];
@@ -306,11 +315,11 @@ bool FrameRowWriter::Write(BvhMotion& motion, int64_t frame, std::span<const Mat
         if (plan.column[n] >= 0) out[plan.column[n]] = plan.angles[n];
       }
     }
-    for (int c = 0; c < plan.channels; ++c) {
-      const int axis = PositionAxis(joint.channels[static_cast<size_t>(c)]);
-      if (axis < 0) continue;
-      const double value = Component(local.off, axis);
-      out[c] = plan.mode == PositionMode::kAbsolute ? value : value - joint.offset[axis];
+    for (int n = plan.positionFirst; n < plan.positionEnd; ++n) {
+      const PositionColumn& position = _positions[static_cast<size_t>(n)];
+      const double value = Component(local.off, position.axis);
+      out[position.column] =
+          plan.mode == PositionMode::kAbsolute ? value : value - joint.offset[position.axis];
     }
   }
   return true;

@@ -91,12 +91,14 @@ class FrameRowWriter {
 
  private:
   struct Joint {
-    int first = 0;     // the column of the joint's first channel
-    int channels = 0;  // its channel count
+    int first = 0;  // the column of the joint's first channel
     PositionMode mode = PositionMode::kRelative;
     int rotations = 0;  // distinct rotation axes; 0: no rotation to write
     Channel order[3] = {};
     int column[3] = {-1, -1, -1};  // row column per angle, -1: dropped
+    // The joint's entries of _zeroColumns (repeated rotation axes) and _positions.
+    int zeroFirst = 0, zeroEnd = 0;
+    int positionFirst = 0, positionEnd = 0;
     // The last conversion: the 3x3 part, the previous angles it was given, whether it had
     // them, and its angles.
     bool converted = false;
@@ -106,8 +108,15 @@ class FrameRowWriter {
     double angles[3] = {};
   };
 
+  struct PositionColumn {
+    int column;  // within the joint's slice
+    int axis;    // 0, 1, 2: x, y, z
+  };
+
   size_t _channels = 0;  // the joints' channel count, summed
   std::vector<Joint> _joints;
+  std::vector<int> _zeroColumns;  // within each joint's slice
+  std::vector<PositionColumn> _positions;
 };
 
 }  // namespace tarni::host
