@@ -43,8 +43,7 @@ FitPoint Normalized(FitPoint a) noexcept {
 // by the scale and multiplying again would move about one value in ten by an ulp).
 KeyVector Denormalized(FitPoint v, float scale) noexcept { return {v.x, v.y * scale}; }
 
-// De Casteljau evaluation of a Bezier of degree `Degree` at t. Inlined: it is the fit's inner
-// loop, run for every key at every iteration.
+// De Casteljau evaluation of a Bezier of degree `Degree` at t.
 template <int Degree>
 [[gnu::always_inline]] inline FitPoint Bezier(const FitPoint* control, float t) noexcept {
   FitPoint v[Degree + 1];
@@ -59,57 +58,161 @@ template <int Degree>
   return v[0];
 }
 
-// A cubic with the control points of its first and second derivative.
-struct Cubic {
-  FitPoint b[4];
-  FitPoint q1[3];
-  FitPoint q2[2];
+// The fit's per-key arithmetic is written once, for a group of keys side by side: four keys
+// where the processor has SSE2, else one. Every lane goes through the operations of the scalar
+// form in the same order, each rounded the same way, so every bit is that of one key at a time.
+// A group may reach past the last key: the buffers carry kLanePadding spare entries, and what the
+// spare lanes compute is masked out or never read.
+// One key at a time: the lanes of processors without SSE2 (compiled everywhere all the same).
+struct OneKey {
+  using V = float;
+  [[maybe_unused]] static constexpr Int kWidth = 1;
+  static V Load(const float* p) noexcept { return *p; }
+  static void Store(float* p, V v) noexcept { *p = v; }
+  static V Splat(float f) noexcept { return f; }
+  static V Sqrt(V a) noexcept { return std::sqrt(a); }
+  // An error that is not a number (the arithmetic overflowed on keys far apart) is no fit at
+  // all: it must not pass for a perfect one.
+  static V NotANumberAsInfinity(V a) noexcept { return std::isnan(a) ? kInfinity : a; }
+  static V Max(V a, V b) noexcept { return a > b ? a : b; }
+  static float Largest(V a) noexcept { return a; }
+  // `v` in the first `count` lanes, 0 in the others.
+  static V ZeroBeyond(V v, Int /*count*/) noexcept { return v; }
+  // `kept` where |d| < limit, else `stepped`.
+  static V KeepWhereSmall(V d, V limit, V kept, V stepped) noexcept {
+    return std::fabs(d) < limit ? kept : stepped;
+  }
+  // Whether a > b in each of the first `count` lanes (false for not-a-number).
+  static bool Greater(V a, V b, Int /*count*/) noexcept { return a > b; }
+};
 
-  void Derive() noexcept {
-    for (int i = 0; i < 3; ++i) q1[i] = (b[i + 1] - b[i]) * 3.0f;
-    for (int i = 0; i < 2; ++i) q2[i] = (q1[i + 1] - q1[i]) * 2.0f;
+#if defined(__SSE2__)
+struct Lanes {
+  __m128 v;
+};
+inline Lanes operator+(Lanes a, Lanes b) noexcept { return {_mm_add_ps(a.v, b.v)}; }
+inline Lanes operator-(Lanes a, Lanes b) noexcept { return {_mm_sub_ps(a.v, b.v)}; }
+inline Lanes operator*(Lanes a, Lanes b) noexcept { return {_mm_mul_ps(a.v, b.v)}; }
+inline Lanes operator/(Lanes a, Lanes b) noexcept { return {_mm_div_ps(a.v, b.v)}; }
+
+struct FourKeys {
+  using V = Lanes;
+  static constexpr Int kWidth = 4;
+  static V Load(const float* p) noexcept { return {_mm_loadu_ps(p)}; }
+  static void Store(float* p, V v) noexcept { _mm_storeu_ps(p, v.v); }
+  static V Splat(float f) noexcept { return {_mm_set1_ps(f)}; }
+  static V Sqrt(V a) noexcept { return {_mm_sqrt_ps(a.v)}; }
+  static V NotANumberAsInfinity(V a) noexcept {
+    const __m128 nan = _mm_cmpunord_ps(a.v, a.v);
+    return {_mm_or_ps(_mm_andnot_ps(nan, a.v), _mm_and_ps(nan, _mm_set1_ps(kInfinity)))};
+  }
+  static V Max(V a, V b) noexcept { return {_mm_max_ps(a.v, b.v)}; }
+  static float Largest(V a) noexcept {
+    const __m128 pairs = _mm_max_ps(a.v, _mm_movehl_ps(a.v, a.v));
+    return _mm_cvtss_f32(_mm_max_ss(pairs, _mm_shuffle_ps(pairs, pairs, 1)));
+  }
+  static __m128 FirstLanes(Int count) noexcept {
+    return _mm_castsi128_ps(
+        _mm_cmplt_epi32(_mm_setr_epi32(0, 1, 2, 3), _mm_set1_epi32(static_cast<int>(count))));
+  }
+  static V ZeroBeyond(V v, Int count) noexcept {
+    return count >= 4 ? v : V{_mm_and_ps(FirstLanes(count), v.v)};
+  }
+  static V KeepWhereSmall(V d, V limit, V kept, V stepped) noexcept {
+    const __m128 magnitude = _mm_andnot_ps(_mm_set1_ps(-0.0f), d.v);
+    const __m128 small = _mm_cmplt_ps(magnitude, limit.v);
+    return {_mm_or_ps(_mm_and_ps(small, kept.v), _mm_andnot_ps(small, stepped.v))};
+  }
+  static bool Greater(V a, V b, Int count) noexcept {
+    const int wanted = count >= 4 ? 0xF : (1 << count) - 1;
+    return (_mm_movemask_ps(_mm_cmpgt_ps(a.v, b.v)) & wanted) == wanted;
+  }
+};
+using KeyLanes = FourKeys;
+#else
+using KeyLanes = OneKey;
+#endif
+using LaneValue = KeyLanes::V;
+constexpr Int kLanePadding = KeyLanes::kWidth - 1;
+
+// Runs body(i, count) for the groups of keys i..i+count−1 that cover [begin, end).
+template <class Body>
+[[gnu::always_inline]] inline void ForEachKey(Int begin, Int end, Body&& body) noexcept {
+  for (Int i = begin; i < end; i += KeyLanes::kWidth) {
+    body(i, std::min<Int>(end - i, KeyLanes::kWidth));
+  }
+}
+
+// s·a + t·c, the step of de Casteljau's evaluation.
+template <class V>
+[[gnu::always_inline]] inline V Lerp(V s, V a, V t, V c) noexcept {
+  return s * a + t * c;
+}
+
+// One coordinate of a cubic's control points, in every lane.
+struct CubicLanes {
+  LaneValue c[4];
+  explicit CubicLanes(const float (&control)[4]) noexcept {
+    for (int i = 0; i < 4; ++i) c[i] = KeyLanes::Splat(control[i]);
+  }
+  // De Casteljau at t (s = 1 − t), the order of Bezier<3>.
+  LaneValue At(LaneValue s, LaneValue t) const noexcept {
+    LaneValue v0 = Lerp(s, c[0], t, c[1]);
+    LaneValue v1 = Lerp(s, c[1], t, c[2]);
+    const LaneValue v2 = Lerp(s, c[2], t, c[3]);
+    v0 = Lerp(s, v0, t, v1);
+    v1 = Lerp(s, v1, t, v2);
+    return Lerp(s, v0, t, v1);
   }
 };
 
-// One Newton-Raphson step towards the parameter of the curve point nearest to `p`; u stays when
-// the step's denominator is too small to trust.
-[[gnu::always_inline]] inline float NewtonStep(const Cubic& cubic, FitPoint p, float u) noexcept {
-  const FitPoint delta = Bezier<3>(cubic.b, u) - p;
-  const FitPoint d1 = Bezier<2>(cubic.q1, u);
-  const FitPoint d2 = Bezier<1>(cubic.q2, u);
-  const float numerator = Dot(delta, d1);
-  const float denominator = Dot(d1, d1) + Dot(delta, d2);
-  if (std::fabs(denominator) < 1e-05f) return u;
-  return u - numerator / denominator;
-}
-
-// The least-squares cubic through points[first..last] with parameters u (u[0] belongs to first)
-// and unit end tangents tHat1, tHat2; fills b[0..3].
-void GenerateBezier(const FitPoint* points, Int first, Int last, const float* u, FitPoint tHat1,
-                    FitPoint tHat2, FitPoint* b) noexcept {
-  const FitPoint pFirst = points[first];
-  const FitPoint pLast = points[last];
+// The least-squares cubic through the keys first..last (times x, values y) with parameters u
+// (u[0] belongs to first) and unit end tangents tHat1, tHat2; fills b[0..3]. The sums are
+// added key after key as they always were: float addition is not associative, and a sum in
+// another order would move the handles by an ulp now and then.
+void GenerateBezier(const float* x, const float* y, Int first, Int last, const float* u,
+                    FitPoint tHat1, FitPoint tHat2, FitPoint* b) noexcept {
+  using K = KeyLanes;
+  using V = LaneValue;
+  const FitPoint pFirst{x[first], y[first]};
+  const FitPoint pLast{x[last], y[last]};
   float c00 = 0.0f;
   float c01 = 0.0f;
   float c11 = 0.0f;
   float x0 = 0.0f;
   float x1 = 0.0f;
-  for (Int i = first; i <= last; ++i) {
-    const float t = u[i - first];
-    const float s = 1.0f - t;
-    const float b0 = s * s * s;
-    const float b1 = 3.0f * t * (s * s);
-    const float b2 = 3.0f * t * t * s;
-    const float b3 = t * t * t;
-    const FitPoint a1 = tHat1 * b1;
-    const FitPoint a2 = tHat2 * b2;
-    c00 += Dot(a1, a1);
-    c01 += Dot(a1, a2);
-    c11 += Dot(a2, a2);
-    const FitPoint r = points[i] - (pFirst * (b0 + b1) + pLast * (b2 + b3));
-    x0 += Dot(a1, r);
-    x1 += Dot(a2, r);
-  }
+  // The terms of a group of keys are computed side by side; only the sums are sequential.
+  ForEachKey(first, last + 1, [&](Int i, Int count) {
+    const V one = K::Splat(1.0f);
+    const V three = K::Splat(3.0f);
+    const V t = K::Load(u + (i - first));
+    const V s = one - t;
+    const V b0 = s * s * s;
+    const V b1 = three * t * (s * s);
+    const V b2 = three * t * t * s;
+    const V b3 = t * t * t;
+    const V a1x = K::Splat(tHat1.x) * b1;
+    const V a1y = K::Splat(tHat1.y) * b1;
+    const V a2x = K::Splat(tHat2.x) * b2;
+    const V a2y = K::Splat(tHat2.y) * b2;
+    const V ends0 = b0 + b1;
+    const V ends1 = b2 + b3;
+    const V rx = K::Load(x + i) - (K::Splat(pFirst.x) * ends0 + K::Splat(pLast.x) * ends1);
+    const V ry = K::Load(y + i) - (K::Splat(pFirst.y) * ends0 + K::Splat(pLast.y) * ends1);
+    float terms[5][K::kWidth];
+    K::Store(terms[0], a1x * a1x + a1y * a1y);
+    K::Store(terms[1], a1x * a2x + a1y * a2y);
+    K::Store(terms[2], a2x * a2x + a2y * a2y);
+    K::Store(terms[3], a1x * rx + a1y * ry);
+    K::Store(terms[4], a2x * rx + a2y * ry);
+    for (Int lane = 0; lane < count; ++lane) {
+      c00 += terms[0][lane];
+      c01 += terms[1][lane];
+      c11 += terms[2][lane];
+      x0 += terms[3][lane];
+      x1 += terms[4][lane];
+    }
+  });
   float alphaL = 0.0f;
   float alphaR = 0.0f;
   const float det = c00 * c11 - c01 * c01;
@@ -145,46 +248,95 @@ void GenerateBezier(const FitPoint* points, Int first, Int last, const float* u,
   }
 }
 
-// errors[i] = |Q(u[i]) - p[i]| × weights[i] for i in [begin, end). Four keys at a time where the
-// processor has SSE2: the same operations in the same order per key, so every bit is that of
-// the one-key loop, which finishes the rest.
-void FitErrors(const FitPoint* b, const FitPoint* p, const float* u, const float* weights,
-               Int begin, Int end, float* errors) noexcept {
-  Int i = begin;
+// The weighted error |Q(u[i]) − p[i]| × weights[i] of every key i in [begin, end), with not-a-
+// number errors counted as infinite, into errors[i]; Q(u[i]) − p[i] goes to dx[i], dy[i] for the
+// Newton step. Returns the largest error (0 when there is none, as no error is below 0).
+float FitErrors(const FitPoint* b, const float* x, const float* y, const float* u,
+                const float* weights, Int begin, Int end, float* errors, float* dx,
+                float* dy) noexcept {
+  using K = KeyLanes;
+  using V = LaneValue;
+  const CubicLanes cx({b[0].x, b[1].x, b[2].x, b[3].x});
+  const CubicLanes cy({b[0].y, b[1].y, b[2].y, b[3].y});
+  V largest = K::Splat(0.0f);
+  ForEachKey(begin, end, [&](Int i, Int count) {
+    const V t = K::Load(u + i);
+    const V s = K::Splat(1.0f) - t;
+    const V ex = cx.At(s, t) - K::Load(x + i);
+    const V ey = cy.At(s, t) - K::Load(y + i);
+    K::Store(dx + i, ex);
+    K::Store(dy + i, ey);
+    const V error = K::NotANumberAsInfinity(K::Sqrt(ex * ex + ey * ey) * K::Load(weights + i));
+    K::Store(errors + i, error);
+    largest = K::Max(largest, K::ZeroBeyond(error, count));
+  });
+  return K::Largest(largest);
+}
+
+// The last i in [begin, end) with errors[i] == largest, a value that occurs there (a tie goes
+// to the later key); begin − 1 when none does.
+Int LastIndexOf(const float* errors, Int begin, Int end, float largest) noexcept {
+  Int i = end;
 #if defined(__SSE2__)
-  const __m128 one = _mm_set1_ps(1.0f);
-  const __m128 bx[4] = {_mm_set1_ps(b[0].x), _mm_set1_ps(b[1].x), _mm_set1_ps(b[2].x),
-                        _mm_set1_ps(b[3].x)};
-  const __m128 by[4] = {_mm_set1_ps(b[0].y), _mm_set1_ps(b[1].y), _mm_set1_ps(b[2].y),
-                        _mm_set1_ps(b[3].y)};
-  auto lerp = [](__m128 s, __m128 a, __m128 t, __m128 c) {
-    return _mm_add_ps(_mm_mul_ps(s, a), _mm_mul_ps(t, c));
-  };
-  for (; i + 4 <= end; i += 4) {
-    const __m128 t = _mm_loadu_ps(u + i);
-    const __m128 s = _mm_sub_ps(one, t);
-    __m128 x0 = lerp(s, bx[0], t, bx[1]), x1 = lerp(s, bx[1], t, bx[2]),
-           x2 = lerp(s, bx[2], t, bx[3]);
-    __m128 y0 = lerp(s, by[0], t, by[1]), y1 = lerp(s, by[1], t, by[2]),
-           y2 = lerp(s, by[2], t, by[3]);
-    x0 = lerp(s, x0, t, x1);
-    x1 = lerp(s, x1, t, x2);
-    y0 = lerp(s, y0, t, y1);
-    y1 = lerp(s, y1, t, y2);
-    x0 = lerp(s, x0, t, x1);
-    y0 = lerp(s, y0, t, y1);
-    // Keys are (x, y) pairs: split four of them into their x and their y.
-    const __m128 lo = _mm_loadu_ps(&p[i].x);
-    const __m128 hi = _mm_loadu_ps(&p[i + 2].x);
-    const __m128 px = _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(2, 0, 2, 0));
-    const __m128 py = _mm_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 1, 3, 1));
-    const __m128 dx = _mm_sub_ps(x0, px);
-    const __m128 dy = _mm_sub_ps(y0, py);
-    const __m128 length = _mm_sqrt_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)));
-    _mm_storeu_ps(errors + i, _mm_mul_ps(length, _mm_loadu_ps(weights + i)));
+  const __m128 wanted = _mm_set1_ps(largest);
+  for (; i - 4 >= begin; i -= 4) {
+    const int mask = _mm_movemask_ps(_mm_cmpeq_ps(_mm_loadu_ps(errors + i - 4), wanted));
+    if (mask != 0) return i - 4 + (31 - __builtin_clz(static_cast<unsigned>(mask)));
   }
 #endif
-  for (; i < end; ++i) errors[i] = Distance(Bezier<3>(b, u[i]), p[i]) * weights[i];
+  for (; i > begin; --i) {
+    if (errors[i - 1] == largest) return i - 1;
+  }
+  return begin - 1;
+}
+
+// A cubic's first and second derivative, as control points.
+struct Derivatives {
+  FitPoint q1[3];
+  FitPoint q2[2];
+
+  explicit Derivatives(const FitPoint* b) noexcept {
+    for (int i = 0; i < 3; ++i) q1[i] = (b[i + 1] - b[i]) * 3.0f;
+    for (int i = 0; i < 2; ++i) q2[i] = (q1[i + 1] - q1[i]) * 2.0f;
+  }
+};
+
+// One Newton-Raphson step for every key i in [begin, end) towards the parameter of the curve
+// point nearest to the key, from the key's offset dx, dy = Q(u) − p at the present u: u becomes
+// u − (Q − p)·Q′ ÷ (Q′·Q′ + (Q − p)·Q″), and stays when the denominator is too small to trust.
+void NewtonSteps(const Derivatives& d, const float* dx, const float* dy, Int begin, Int end,
+                 float* u) noexcept {
+  using K = KeyLanes;
+  using V = LaneValue;
+  const V q1x[3] = {K::Splat(d.q1[0].x), K::Splat(d.q1[1].x), K::Splat(d.q1[2].x)};
+  const V q1y[3] = {K::Splat(d.q1[0].y), K::Splat(d.q1[1].y), K::Splat(d.q1[2].y)};
+  const V q2x[2] = {K::Splat(d.q2[0].x), K::Splat(d.q2[1].x)};
+  const V q2y[2] = {K::Splat(d.q2[0].y), K::Splat(d.q2[1].y)};
+  ForEachKey(begin, end, [&](Int i, Int /*count*/) {
+    const V t = K::Load(u + i);
+    const V s = K::Splat(1.0f) - t;
+    // Q′ by de Casteljau on the first derivative's points, Q″ on the second's.
+    const V d1x = Lerp(s, Lerp(s, q1x[0], t, q1x[1]), t, Lerp(s, q1x[1], t, q1x[2]));
+    const V d1y = Lerp(s, Lerp(s, q1y[0], t, q1y[1]), t, Lerp(s, q1y[1], t, q1y[2]));
+    const V d2x = Lerp(s, q2x[0], t, q2x[1]);
+    const V d2y = Lerp(s, q2y[0], t, q2y[1]);
+    const V ex = K::Load(dx + i);
+    const V ey = K::Load(dy + i);
+    const V numerator = ex * d1x + ey * d1y;
+    const V denominator = (d1x * d1x + d1y * d1y) + (ex * d2x + ey * d2y);
+    K::Store(u + i,
+             K::KeepWhereSmall(denominator, K::Splat(1e-05f), t, t - numerator / denominator));
+  });
+}
+
+// Whether u[0..count) is strictly increasing (false where a parameter is not a number).
+bool StrictlyIncreasing(const float* u, Int count) noexcept {
+  using K = KeyLanes;
+  bool increasing = true;
+  ForEachKey(1, count, [&](Int i, Int lanes) {
+    increasing = increasing && K::Greater(K::Load(u + i), K::Load(u + i - 1), lanes);
+  });
+  return increasing;
 }
 
 bool IsFinite(const Key& key) noexcept {
@@ -316,19 +468,27 @@ Result<void> KeyFitter::TakeOver(std::span<const Key> run, bool merge) noexcept 
 
 Result<void> KeyFitter::FitRun(std::span<const Key> run, bool merge) noexcept {
   const Int n = static_cast<Int>(run.size());
-  TARNI_TRY(_points.Resize(n));
-  TARNI_TRY(_lengths.Resize(n));
-  TARNI_TRY(_weights.Resize(n));
+  // Sized once per run: every fit of the run covers at most its n keys, and a group of lanes
+  // may reach kLanePadding entries past the last.
+  for (BaseArray<float>* buffer :
+       {&_x, &_y, &_lengths, &_weights, &_chord, &_u, &_errors, &_dx, &_dy}) {
+    TARNI_TRY(buffer->Resize(n + kLanePadding));
+  }
+  float* x = _x.GetFirst();
+  float* y = _y.GetFirst();
   for (Int i = 0; i < n; ++i) {
     const Key& key = run[static_cast<std::size_t>(i)];
-    _points[i] = {key.position.x, key.position.y / _scale};
-    _lengths[i] = i == 0 ? 0.0f : Distance(_points[i], _points[i - 1]);
+    x[i] = key.position.x;
+    y[i] = key.position.y / _scale;
+    _lengths[i] = i == 0 ? 0.0f : Distance({x[i], y[i]}, {x[i - 1], y[i - 1]});
     // A magnet key's error weighs 1.5 times; multiplying the others by 1 changes no bit.
     _weights[i] = (key.flags & KEYFLAG_MAGNET) != 0 ? 1.5f : 1.0f;
   }
+  _chordFirst = -1;
+  _chordLast = -1;
   if (!merge) TARNI_TRY(_output.Append(run[0]));
-  const FitPoint tHat1 = _points[1] - _points[0];
-  const FitPoint tHat2 = _points[n - 2] - _points[n - 1];
+  const FitPoint tHat1 = FitPoint{x[1], y[1]} - FitPoint{x[0], y[0]};
+  const FitPoint tHat2 = FitPoint{x[n - 2], y[n - 2]} - FitPoint{x[n - 1], y[n - 1]};
   TARNI_TRY(FitCubic(run, 0, n - 1, tHat1, tHat2));
   Key& last = _output.GetLast();
   last.flags = run.back().flags;
@@ -341,14 +501,13 @@ Result<void> KeyFitter::FitRun(std::span<const Key> run, bool merge) noexcept {
 // fits, the left one done first, so output keys come in time order.
 Result<void> KeyFitter::FitCubic(std::span<const Key> run, Int first, Int last, FitPoint tHat1,
                                  FitPoint tHat2) noexcept {
-  const FitPoint* points = _points.GetFirst();
+  const float* x = _x.GetFirst();
+  const float* y = _y.GetFirst();
   _tasks.Flush();
   TARNI_TRY(_tasks.Append({first, last, tHat1, tHat2}));
   while (!_tasks.IsEmpty()) {
     const CubicTask task = _tasks.GetLast();
     _tasks.Pop();
-    const FitPoint pFirst = points[task.first];
-    const FitPoint pLast = points[task.last];
     Key created;
     created.flags = _newKeyFlags;
     created.position = run[static_cast<std::size_t>(task.last)].position;
@@ -356,64 +515,74 @@ Result<void> KeyFitter::FitCubic(std::span<const Key> run, Int first, Int last, 
 
     if (task.last - task.first == 1) {
       // The tangents are deliberately used without normalising them.
-      const float d = Distance(pLast, pFirst) / 3.0f;
+      const float d = Distance({x[task.last], y[task.last]}, {x[task.first], y[task.first]}) / 3.0f;
       _output.GetLast().rightTangent = Denormalized(task.tHat1 * d, _scale);
       created.leftTangent = Denormalized(task.tHat2 * d, _scale);
       TARNI_TRY(_output.Append(created));
       continue;
     }
 
-    // Chord-length parameters, from the run's key-to-key distances.
+    // Chord-length parameters: the running sum of key-to-key distances from the first key,
+    // over the total. The sums are added in the same order whichever fit asks, so a left part
+    // takes them over from the fit it was split from.
     const Int span = task.last - task.first;
-    TARNI_TRY(_u.Resize(span + 1));
-    TARNI_TRY(_errors.Resize(span + 1));
+    float* chord = _chord.GetFirst();
+    if (task.first != _chordFirst || task.last > _chordLast) {
+      chord[task.first] = 0.0f;
+      for (Int i = task.first + 1; i <= task.last; ++i) chord[i] = chord[i - 1] + _lengths[i];
+      _chordFirst = task.first;
+      _chordLast = task.last;
+    }
     float* u = _u.GetFirst();
-    float* errors = _errors.GetFirst();
-    const float* lengths = _lengths.GetFirst() + task.first;
-    const float* weights = _weights.GetFirst() + task.first;
-    const FitPoint* p = points + task.first;
     u[0] = 0.0f;
-    for (Int i = 1; i <= span; ++i) u[i] = u[i - 1] + lengths[i];
-    for (Int i = 1; i <= span; ++i) u[i] = u[i] / u[span];
+    const float total = chord[task.last];
+    ForEachKey(1, span + 1, [&](Int i, Int /*count*/) {
+      KeyLanes::Store(u + i, KeyLanes::Load(chord + task.first + i) / KeyLanes::Splat(total));
+    });
 
+    const float* px = x + task.first;
+    const float* py = y + task.first;
+    const float* weights = _weights.GetFirst() + task.first;
+    float* errors = _errors.GetFirst();
+    float* dx = _dx.GetFirst();
+    float* dy = _dy.GetFirst();
     const FitPoint unit1 = Normalized(task.tHat1);
     const FitPoint unit2 = Normalized(task.tHat2);
     float iterationLimit = 4.0f * _tolerance;  // E4
     bool valid = true;
     bool accepted = false;
     Int split = task.first + span / 2;  // stands only if no distance is a number
-    Cubic cubic;
+    FitPoint b[4];
     for (int iteration = 0; iteration < kMaxIterations; ++iteration) {
-      GenerateBezier(points, task.first, task.last, u, unit1, unit2, cubic.b);
-      // The errors first (a loop without dependencies between keys), then the worst of them.
-      FitErrors(cubic.b, p, u, weights, 1, span, errors);
-      float maxError = 0.0f;
-      for (Int i = 1; i < span; ++i) {
-        // An error that is not a number (the arithmetic overflowed on keys far apart) is no fit
-        // at all: it must not pass for a perfect one.
-        const float error = std::isnan(errors[i]) ? kInfinity : errors[i];
-        if (error >= maxError) {  // a tie goes to the later key
-          maxError = error;
-          split = task.first + i;
-        }
-      }
+      GenerateBezier(x, y, task.first, task.last, u, unit1, unit2, b);
+      // The worst interior key; a tie goes to the later key.
+      const float maxError = FitErrors(b, px, py, u, weights, 1, span, errors, dx, dy);
+      const Int worst = LastIndexOf(errors, 1, span, maxError);
+      if (worst >= 1) split = task.first + worst;
       if (maxError < _tolerance && valid) {
-        _output.GetLast().rightTangent = Denormalized(cubic.b[1] - cubic.b[0], _scale);
-        created.leftTangent = Denormalized(cubic.b[2] - cubic.b[3], _scale);
+        _output.GetLast().rightTangent = Denormalized(b[1] - b[0], _scale);
+        created.leftTangent = Denormalized(b[2] - b[3], _scale);
         TARNI_TRY(_output.Append(created));
         accepted = true;
         break;
       }
       if (maxError >= iterationLimit) break;
-      cubic.Derive();
-      for (Int i = 0; i <= span; ++i) u[i] = NewtonStep(cubic, p[i], u[i]);
-      valid = true;
-      for (Int i = 1; i <= span; ++i) valid = valid && u[i] > u[i - 1];
+      // The last iteration's parameters would never be used.
+      if (iteration + 1 == kMaxIterations) break;
+      // The error scan left Q(u) − p for the interior keys; the end keys are done here.
+      for (const Int end : {Int{0}, span}) {
+        const FitPoint offset = Bezier<3>(b, u[end]) - FitPoint{px[end], py[end]};
+        dx[end] = offset.x;
+        dy[end] = offset.y;
+      }
+      NewtonSteps(Derivatives(b), dx, dy, 0, span + 1, u);
+      valid = StrictlyIncreasing(u, span + 1);
       iterationLimit = maxError;  // a later iteration that does not lower the error stops
     }
     if (accepted) continue;
 
-    const FitPoint centre = points[split - 1] - points[split + 1];
+    const FitPoint centre =
+        FitPoint{x[split - 1], y[split - 1]} - FitPoint{x[split + 1], y[split + 1]};
     TARNI_TRY(_tasks.Append({split, task.last, Negated(centre), task.tHat2}));
     TARNI_TRY(_tasks.Append({task.first, split, task.tHat1, centre}));
   }

@@ -72,11 +72,22 @@ class KeyFitter {
   KeyArray _filtered;  // the curve without its ignored keys, when it has any
   BaseArray<KeyRun> _runs;
   KeyArray _output;
-  BaseArray<FitPoint> _points;  // the run's positions, values normalised
-  BaseArray<float> _lengths;    // distance of each run key from the one before
-  BaseArray<float> _weights;    // error weight of each run key: 1.5 for magnet keys, else 1
-  BaseArray<float> _u;          // parameters of the keys of the fit at hand
-  BaseArray<float> _errors;     // the fit's error at each of its keys
+  // The run's keys, times and normalised values apart so that four keys load at once.
+  BaseArray<float> _x;
+  BaseArray<float> _y;
+  BaseArray<float> _lengths;  // distance of each run key from the one before
+  BaseArray<float> _weights;  // error weight of each run key: 1.5 for magnet keys, else 1
+  // Running sums of _lengths from key _chordFirst on, valid up to key _chordLast: a fit that
+  // failed hands them to its left part, which starts at the same key.
+  BaseArray<float> _chord;
+  Int _chordFirst = -1;
+  Int _chordLast = -1;
+  // Per key of the fit at hand (index 0 = its first key): parameter, weighted error, and the
+  // curve point minus the key, which the error scan leaves for the Newton step.
+  BaseArray<float> _u;
+  BaseArray<float> _errors;
+  BaseArray<float> _dx;
+  BaseArray<float> _dy;
   BaseArray<CubicTask> _tasks;  // pending fits, the next one last
 };
 
