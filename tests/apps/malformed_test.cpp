@@ -3,17 +3,15 @@
 // file, exit status 2 from the tarni-ca executable. Many cases here were found by the fuzz
 // targets in tests/fuzz/.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "apps/jobrun.h"
 #include "io/bvh.h"
 #include "io/curvefile.h"
 #include "retarget/setupfile.h"
@@ -208,63 +206,20 @@ TEST(MalformedSetupFile, TurnsDownNumbersAndNestingItCannotHold) {
 
 // ---- through the tarni-ca executable --------------------------------------------------------
 
-// A folder of its own under the system's temporary folder, removed at the end.
-class Scratch {
- public:
-  Scratch() {
-    static int counter = 0;
-    _path = fs::temp_directory_path() /
-            ("tarni-malformed-" + std::to_string(::getpid()) + "-" + std::to_string(++counter));
-    fs::remove_all(_path);
-    fs::create_directories(_path);
-  }
-  ~Scratch() {
-    std::error_code ignored;
-    fs::remove_all(_path, ignored);
-  }
-  std::string PathOf(const std::string& name) const { return (_path / name).string(); }
-  void Write(const std::string& name, const std::string& text) const {
-    std::ofstream(PathOf(name), std::ios::binary) << text;
-  }
-  std::vector<std::string> Files() const {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(_path))
-      names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
-  struct Run {
-    int status = -1;  // -1: ended by a signal
-    std::string err;
-  };
-  // Runs tarni-ca with `arguments`, in which "@name" stands for the quoted path of `name`.
-  Run Host(const std::string& arguments) const {
-    std::string line;
-    for (size_t i = 0; i < arguments.size(); ++i) {
-      if (arguments[i] != '@') {
-        line += arguments[i];
-        continue;
-      }
-      const size_t end = arguments.find(' ', i);
-      line += "'" + PathOf(arguments.substr(i + 1, end - i - 1)) + "'";
-      i = end == std::string::npos ? arguments.size() : end - 1;
+// Runs tarni-ca in `dir` with `arguments`, in which "@name" stands for the quoted path of `name`.
+jobtest::JobRun Host(const jobtest::ScratchDir& dir, const std::string& arguments) {
+  std::string line;
+  for (size_t i = 0; i < arguments.size(); ++i) {
+    if (arguments[i] != '@') {
+      line += arguments[i];
+      continue;
     }
-    const std::string err = (_path.parent_path() / (_path.filename().string() + ".err")).string();
-    const int raw = std::system(
-        (std::string("'") + TARNI_CA_EXE + "' " + line + " >/dev/null 2>'" + err + "'").c_str());
-    Run run;
-    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    std::stringstream text;
-    text << std::ifstream(err).rdbuf();
-    run.err = text.str();
-    fs::remove(err);
-    return run;
+    const size_t end = arguments.find(' ', i);
+    line += dir.Quoted(arguments.substr(i + 1, end - i - 1));
+    i = end == std::string::npos ? arguments.size() : end - 1;
   }
-
- private:
-  fs::path _path;
-};
+  return jobtest::RunHost(dir, line);
+}
 
 const std::string kGoodClip = kMotion + "2\nFrame Time: 0.04\n1 2 3\n4 5 6\n";
 
@@ -296,10 +251,10 @@ TEST(MalformedFilesInTheHost, ExitTwoWithOneLineAndNoOutput) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.arguments);
-    Scratch dir;
-    dir.Write("good.bvh", kGoodClip);
-    dir.Write(c.file, c.text);
-    const Scratch::Run run = dir.Host(c.arguments);
+    jobtest::ScratchDir dir("malformed");
+    dir.WriteText("good.bvh", kGoodClip);
+    dir.WriteText(c.file, c.text);
+    const jobtest::JobRun run = Host(dir, c.arguments);
     EXPECT_EQ(run.status, 2);
     EXPECT_EQ(run.err, "tarni-ca: " + dir.PathOf(c.file) + c.message + "\n");
     // Nothing written, not even a temporary file.
@@ -312,15 +267,16 @@ TEST(MalformedFilesInTheHost, ExitTwoWithOneLineAndNoOutput) {
 TEST(MalformedFilesInTheHost, JointNamesThatAreNotUtf8DoNotCrashTheSetUpWriter) {
   // A clip from software that writes Latin-1 names: retargeting works, but a set-up file (JSON,
   // UTF-8 only) cannot hold the name; saving it is turned down with a message, not an abort.
-  Scratch dir;
-  dir.Write("latin1.bvh",
-            "HIERARCHY\nROOT Hips\n{\n\tOFFSET 0 0 0\n\tCHANNELS 3 Zrotation "
-            "Xrotation Yrotation\n\tJOINT Sp\xe9ne\n\t{\n\t\tOFFSET 0 10 0\n\t\t"
-            "CHANNELS 3 Zrotation Xrotation Yrotation\n\t}\n}\nMOTION\nFrames: 1\n"
-            "Frame Time: 0.04\n0 0 0 1 2 3\n");
-  const Scratch::Run run = dir.Host(
-      "retarget @latin1.bvh --target @latin1.bvh --preset humanoid-joints -o @out.bvh "
-      "--save-setup @setup.json");
+  jobtest::ScratchDir dir("malformed");
+  dir.WriteText("latin1.bvh",
+                "HIERARCHY\nROOT Hips\n{\n\tOFFSET 0 0 0\n\tCHANNELS 3 Zrotation "
+                "Xrotation Yrotation\n\tJOINT Sp\xe9ne\n\t{\n\t\tOFFSET 0 10 0\n\t\t"
+                "CHANNELS 3 Zrotation Xrotation Yrotation\n\t}\n}\nMOTION\nFrames: 1\n"
+                "Frame Time: 0.04\n0 0 0 1 2 3\n");
+  const jobtest::JobRun run =
+      Host(dir,
+           "retarget @latin1.bvh --target @latin1.bvh --preset humanoid-joints -o @out.bvh "
+           "--save-setup @setup.json");
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(
       run.err,
