@@ -7,6 +7,7 @@
 
 #include "source/character/lookups.h"
 #include "source/character/posenodes.h"
+#include "support/samplecharacter.h"
 #include "tarni/characterbodypartsolversetting.h"
 #include "tarni/classes.h"
 
@@ -27,26 +28,18 @@ CharacterNodeTransformRef Node(std::uint64_t low, double x = 0.0) {
   return CreateNodeTransform(U(low), Matrix{{x, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}}, Matrix{})
       .value();
 }
-BaseArray<CharacterNodeTransformRef> Array(const std::vector<CharacterNodeTransformRef>& nodes) {
-  BaseArray<CharacterNodeTransformRef> array;
-  for (const auto& node : nodes) EXPECT_TRUE(array.Append(node));
-  return array;
-}
-CharacterPoseRef Pose(const std::vector<CharacterNodeTransformRef>& nodes) {
-  CharacterPoseRef pose(CreateObject<CharacterPose>(CharacterPose::kClassId).value());
-  EXPECT_TRUE(pose.MakeWritable().value()->SetNodeTransformArray(Array(nodes)));
-  return pose;
-}
+using testing::MakePose;
+using testing::NodeArray;
 
 TEST(PoseNodes, CopyPoseWithNodesLeavesTheSourcePose) {
   const CharacterNodeTransformRef a = Node(1);
   const CharacterNodeTransformRef b = Node(2);
-  const CharacterPoseRef source = Pose({a, b});
+  const CharacterPoseRef source = MakePose({a, b});
   // The copy is another pose of the same class holding the new nodes in order; the source keeps
   // its nodes and its holders.
   {
     const CharacterNodeTransformRef c = Node(3);
-    CharacterPoseRef copy = CopyPoseWithNodes(source, Array({c, c, nullptr})).value();
+    CharacterPoseRef copy = CopyPoseWithNodes(source, NodeArray({c, c, nullptr})).value();
     EXPECT_FALSE(copy == source);
     EXPECT_EQ(copy.GetRef().ObjectOf()->GetClass(), source.GetRef().ObjectOf()->GetClass());
     ASSERT_EQ(copy->GetNodeTransformCount(), 3);
@@ -64,14 +57,14 @@ TEST(PoseNodes, CopyPoseWithNodesLeavesTheSourcePose) {
   }
   // An empty pose reference fails as MakeWritable does.
   {
-    Result<CharacterPoseRef> copy = CopyPoseWithNodes(CharacterPoseRef(), Array({a}));
+    Result<CharacterPoseRef> copy = CopyPoseWithNodes(CharacterPoseRef(), NodeArray({a}));
     ASSERT_FALSE(copy);
     EXPECT_TRUE(copy.error().Is(ErrorKind::kNullReference));
     EXPECT_EQ(copy.error().GetMessage(), "Copy-on-write reference is empty.");
   }
   // No memory for the new pose: the copy-on-write error.
   {
-    BaseArray<CharacterNodeTransformRef> nodes = Array({a});
+    BaseArray<CharacterNodeTransformRef> nodes = NodeArray({a});
     fault::FailNthAllocation(1);
     Result<CharacterPoseRef> copy = CopyPoseWithNodes(source, std::move(nodes));
     fault::Disarm();

@@ -11,6 +11,7 @@
 
 #include "character/modelfault.h"
 #include "source/solver/quaternion.h"
+#include "support/samplecharacter.h"
 #include "tarni/charactersolver.h"
 #include "tarni/describe.h"
 
@@ -30,16 +31,8 @@ CharacterNodeTransformRef Node(std::uint64_t low, double seed) {
   return CreateNodeTransform(U(low), Sheared(seed, {seed, 1, 0}), Sheared(seed + 0.5, {0, seed, 2}))
       .value();
 }
-BaseArray<CharacterNodeTransformRef> Array(const std::vector<CharacterNodeTransformRef>& nodes) {
-  BaseArray<CharacterNodeTransformRef> array;
-  for (const auto& node : nodes) EXPECT_TRUE(array.Append(node));
-  return array;
-}
-CharacterPoseRef Pose(const std::vector<CharacterNodeTransformRef>& nodes) {
-  CharacterPoseRef pose(CreateObject<CharacterPose>(CharacterPose::kClassId).value());
-  EXPECT_TRUE(pose.MakeWritable().value()->SetNodeTransformArray(Array(nodes)));
-  return pose;
-}
+using testing::MakePose;
+using testing::NodeArray;
 // Nodes with the given Uuids (0 for an empty element), each with its own matrices.
 std::vector<CharacterNodeTransformRef> Nodes(const std::vector<std::uint64_t>& lows,
                                              double seed = 0.0) {
@@ -145,7 +138,7 @@ TEST(PoseLookupIndex, KeepsTheFirstMatchThroughEveryChange) {
       CreateNodeTransform(Uuid::Make(0, 0).value(), {}, {}).value();
   std::vector<CharacterNodeTransformRef> first = Nodes({1, 3, 2, 3, 0, 5, 6, 7, 9});
   first.push_back(nil);
-  CharacterPoseRef pose = Pose(first);
+  CharacterPoseRef pose = MakePose(first);
   CharacterPose* writable = pose.MakeWritable().value();
   const auto& nodes = pose->GetNodeTransformArray();
   {
@@ -158,14 +151,14 @@ TEST(PoseLookupIndex, KeepsTheFirstMatchThroughEveryChange) {
     EXPECT_FALSE(pose->GetNodeTransformByID(U(4)).value());
     // With the nil node first, both empty and nil find it.
     std::swap(first[4], first[9]);
-    ASSERT_TRUE(writable->SetNodeTransformArray(Array(first)));
+    ASSERT_TRUE(writable->SetNodeTransformArray(NodeArray(first)));
     EXPECT_EQ(pose->GetNodeTransformByID(Uuid()).value().Get(), nil.Get());
     EXPECT_EQ(pose->GetNodeTransformByID(Uuid::Make(0, 0).value()).value().Get(), nil.Get());
   }
   {
     // A new array replaces the old index: reordered Uuids are found at their new places.
     std::vector<CharacterNodeTransformRef> reordered = Nodes({9, 8, 7, 6, 5, 4, 3, 2, 1, 3});
-    ASSERT_TRUE(writable->SetNodeTransformArray(Array(reordered)));
+    ASSERT_TRUE(writable->SetNodeTransformArray(NodeArray(reordered)));
     EXPECT_EQ(pose->GetNodeTransformByID(U(3)).value().Get(), reordered[6].Get());
     EXPECT_EQ(pose->GetNodeTransformByID(U(9)).value().Get(), reordered[0].Get());
     EXPECT_FALSE(pose->GetNodeTransformByID(U(11)).value());
@@ -174,7 +167,7 @@ TEST(PoseLookupIndex, KeepsTheFirstMatchThroughEveryChange) {
     // A clone answers from its own array; changing it leaves the original's answers alone.
     CharacterPoseRef clone = pose;
     std::vector<CharacterNodeTransformRef> other = Nodes({11, 12, 13, 14, 15, 16, 17, 18, 9});
-    ASSERT_TRUE(clone.MakeWritable().value()->SetNodeTransformArray(Array(other)));
+    ASSERT_TRUE(clone.MakeWritable().value()->SetNodeTransformArray(NodeArray(other)));
     EXPECT_EQ(clone->GetNodeTransformByID(U(9)).value().Get(), other[8].Get());
     EXPECT_EQ(pose->GetNodeTransformByID(U(9)).value().Get(), nodes[0].Get());
     EXPECT_FALSE(clone->GetNodeTransformByID(U(1)).value());
@@ -194,38 +187,38 @@ TEST(PoseLookupIndex, KeepsTheFirstMatchThroughEveryChange) {
 TEST(DeltaExtraction, SourceLookupsKeepTheFirstMatch) {
   // Twelve rest nodes; rest node 7 repeats the Uuid of rest node 2, so its delta is node 2's.
   const std::vector<std::uint64_t> restLows = {1, 2, 3, 4, 5, 6, 7, 2, 9, 10, 11, 12};
-  Extraction extraction(Pose(Nodes(restLows)));
+  Extraction extraction(MakePose(Nodes(restLows)));
   {
     // The source in the rest pose's order: the first match of Uuid 2 is source node 1, not the
     // source node at 7, which has other matrices.
-    extraction.ExpectFormula(Pose(Nodes(restLows, 20)));
+    extraction.ExpectFormula(MakePose(Nodes(restLows, 20)));
   }
   {
     // The order breaks after a few nodes (4 and 5 swapped), and the source holds more nodes.
-    extraction.ExpectFormula(Pose(Nodes({1, 2, 3, 5, 4, 6, 7, 2, 9, 10, 11, 12, 13, 14}, 30)));
+    extraction.ExpectFormula(MakePose(Nodes({1, 2, 3, 5, 4, 6, 7, 2, 9, 10, 11, 12, 13, 14}, 30)));
   }
   {
     // A Uuid appears early out of order: source node 1 carries Uuid 4, so later rest nodes must
     // not take the source node at their own index.
-    extraction.ExpectFormula(Pose(Nodes({1, 4, 3, 2, 5, 6, 7, 8, 9, 10, 11, 12}, 40)));
+    extraction.ExpectFormula(MakePose(Nodes({1, 4, 3, 2, 5, 6, 7, 8, 9, 10, 11, 12}, 40)));
   }
   {
     // A shorter source, an empty source element, and a source in reverse order.
-    extraction.ExpectFormula(Pose(Nodes({1, 2, 3}, 50)));
-    extraction.ExpectFormula(Pose(Nodes({1, 0, 3, 4, 5, 6, 7, 2, 9, 10, 11, 12}, 60)));
-    extraction.ExpectFormula(Pose(Nodes({12, 11, 10, 9, 2, 7, 6, 5, 4, 3, 2, 1}, 70)));
+    extraction.ExpectFormula(MakePose(Nodes({1, 2, 3}, 50)));
+    extraction.ExpectFormula(MakePose(Nodes({1, 0, 3, 4, 5, 6, 7, 2, 9, 10, 11, 12}, 60)));
+    extraction.ExpectFormula(MakePose(Nodes({12, 11, 10, 9, 2, 7, 6, 5, 4, 3, 2, 1}, 70)));
   }
 }
 
 TEST(DeltaExtraction, KeptRestDataFollowsTheRestPose) {
-  Extraction extraction(Pose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9})));
-  const CharacterPoseRef source = Pose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9}, 10));
+  Extraction extraction(MakePose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9})));
+  const CharacterPoseRef source = MakePose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9}, 10));
   extraction.ExpectFormula(source);
   // Changed in place through a plain reference (the definition's pose object itself): the next
   // extraction reads the new rest nodes.
   CharacterPose* restPose = Cast<CharacterPose>(extraction.Rest().GetRef()).Get();
   {
-    ASSERT_TRUE(restPose->SetNodeTransformArray(Array(Nodes({9, 8, 7, 6, 5, 4, 3, 2, 1}, 5))));
+    ASSERT_TRUE(restPose->SetNodeTransformArray(NodeArray(Nodes({9, 8, 7, 6, 5, 4, 3, 2, 1}, 5))));
     extraction.ExpectFormula(source);
   }
   {
@@ -250,8 +243,8 @@ TEST(DeltaExtraction, KeptRestDataFollowsTheRestPose) {
 TEST(DeltaExtraction, RestDataOutOfMemoryFailsOnceThenWorks) {
   // The first extraction with a new rest pose needs memory for the kept data: when none can be
   // had, the extraction fails with the out-of-memory error and keeps nothing half made.
-  Extraction extraction(Pose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})));
-  const CharacterPoseRef source = Pose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, 3));
+  Extraction extraction(MakePose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})));
+  const CharacterPoseRef source = MakePose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, 3));
   const int failures = testing::ForEachFailingAllocation(
       [] {}, [&] { return extraction.solver->ExtractGlobalDeltaPose(extraction.config, source); },
       [&](const Result<CharacterPoseRef>& failed) {
@@ -268,8 +261,8 @@ TEST(DeltaExtraction, ThreadsShareOneRestPose) {
   // deltas (the kept data is published once, the others' copies dropped).
   const std::vector<std::uint64_t> lows = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
   for (int round = 0; round < 20; ++round) {
-    Extraction extraction(Pose(Nodes(lows)));
-    const CharacterPoseRef source = Pose(Nodes(lows, round));
+    Extraction extraction(MakePose(Nodes(lows)));
+    const CharacterPoseRef source = MakePose(Nodes(lows, round));
     const std::vector<Matrix> expected = ExpectedDeltas(*extraction.Rest(), *source);
     std::vector<int> mismatches(4, 0);
     std::vector<std::thread> threads;

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "tarni/charactersolver.h"
 
@@ -41,6 +42,17 @@ inline CharacterPoseRef MakePose(const BaseArray<CharacterNodeTransformRef>& nod
     EXPECT_TRUE(Must(pose.MakeWritable())->SetNodeTransformArray(nodes));
   }
   return pose;
+}
+
+// The nodes, in order, as the array a pose takes.
+inline BaseArray<CharacterNodeTransformRef> NodeArray(
+    const std::vector<CharacterNodeTransformRef>& nodes) {
+  BaseArray<CharacterNodeTransformRef> array;
+  for (const auto& node : nodes) EXPECT_TRUE(array.Append(node));
+  return array;
+}
+inline CharacterPoseRef MakePose(const std::vector<CharacterNodeTransformRef>& nodes) {
+  return MakePose(NodeArray(nodes));
 }
 
 // The pose of a chain of `count` nodes with Uuids first, first + 1, ...: node i is turned by
