@@ -420,6 +420,14 @@ Result<KeyArray> KeyFitter::Fit(const KeyArray* curve, bool useLockedKeys, bool 
       TARNI_TRY(TakeOver(runKeys, merge));
     }
   }
+  // Keys near the float limits, or a large step over a tiny time, can make a fitted tangent
+  // overflow. No curve with such a tangent can be stored or evaluated, so the curve is turned
+  // down rather than handed back broken.
+  for (const Key& key : _output) {
+    if (!HasFiniteTangents(key))
+      return IllegalArgumentError(
+          "Illegal argument: the keys are too far apart or too steep for finite tangents.");
+  }
   TARNI_TRY(result.CopyFrom(_output));
   return result;
 }

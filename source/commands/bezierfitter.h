@@ -52,7 +52,9 @@ class KeyFitter {
   // grow, and with the illegal-argument error for a curve of three or more keys whose times or
   // values are not all finite ("Illegal argument: a key's time or value is not a finite number."),
   // whose tangents are not ("Illegal argument: a key's tangent is not a finite number.") or whose
-  // times descend ("Illegal argument: key times are not in ascending order.").
+  // times descend ("Illegal argument: key times are not in ascending order."), and for finite keys
+  // so far apart or so steep that a fitted tangent would not be a finite number ("Illegal argument:
+  // the keys are too far apart or too steep for finite tangents.").
   Result<KeyArray> Fit(const KeyArray* curve, bool useLockedKeys, bool useKeySelection,
                        float strength) noexcept;
 

@@ -3,6 +3,7 @@
 // Both must give the same bits: the reduction's output is compared byte for byte by its users.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <random>
@@ -221,7 +222,17 @@ TEST(KeyFitter, MatchesTheFitOneKeyAtATimeBitForBit) {
                                         << " keys, strength " << strength);
       const OneKeyAtATimeFitter reference(curves[c], strength);
       auto fitted = fitter.Fit(&curves[c], false, false, strength);
-      ASSERT_TRUE(fitted) << fitted.error().GetMessage();
+      if (!fitted) {
+        // Only a fit whose tangents overflowed is turned down, after running to its end.
+        EXPECT_EQ(fitted.error().GetMessage(),
+                  "Illegal argument: the keys are too far apart or too steep for finite tangents.");
+        EXPECT_TRUE(
+            std::any_of(reference.Output().begin(), reference.Output().end(), [](const Key& key) {
+              return !std::isfinite(key.leftTangent.x) || !std::isfinite(key.leftTangent.y) ||
+                     !std::isfinite(key.rightTangent.x) || !std::isfinite(key.rightTangent.y);
+            }));
+        continue;
+      }
       const KeyArray& keys = fitted.value();
       ASSERT_EQ(keys.GetCount(), static_cast<Int>(reference.Output().size()));
       for (Int i = 0; i < keys.GetCount(); ++i) {
@@ -234,8 +245,10 @@ TEST(KeyFitter, MatchesTheFitOneKeyAtATimeBitForBit) {
   for (std::size_t c = 0; c < curves.size(); c += 5) {
     auto reused = fitter.Fit(&curves[c], false, false, 0.1f);
     auto fresh = ca::FitKeys(&curves[c], 60, false, false, 0.1f);
-    ASSERT_TRUE(reused && fresh);
-    EXPECT_TRUE(SameBits(reused.value(), fresh.value())) << "curve " << c;
+    ASSERT_EQ(static_cast<bool>(reused), static_cast<bool>(fresh)) << "curve " << c;
+    if (reused) {
+      EXPECT_TRUE(SameBits(reused.value(), fresh.value())) << "curve " << c;
+    }
   }
 }
 

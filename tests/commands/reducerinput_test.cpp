@@ -124,6 +124,21 @@ TEST(KeyReducerInput, TurnsDownTangentsThatAreNotNumbers) {
   }
 }
 
+TEST(KeyReducerInput, TurnsDownFiniteKeysWhoseFittedTangentsOverflow) {
+  const char* kMessage =
+      "Illegal argument: the keys are too far apart or too steep for finite tangents.";
+  // Values at the float limit, alternating: every key-to-key step is beyond the float range.
+  const KeyArray wide = MakeCurve({{0, 3.4e38}, {1, -3.4e38}, {2, 3.4e38}, {3, -3.4e38}});
+  // Times at the float limit: the span from the first key to the last is beyond the float range.
+  const KeyArray far = MakeCurve({{-3.4e38f, 0}, {-1e38f, 1}, {1e38f, 0}, {3.4e38f, 1}});
+  const KeyArray good = SampledCurve(20, Smooth);
+  for (const KeyArray* bad : {&wide, &far}) {
+    Ref<CommandData> data = MakeAnimationData();
+    FillFitterData(*data, MakeCurves({&good, bad}), {});
+    ExpectRefused(kBezierFitterCommandId, *data, {kMessage, "bezierfitter"});
+  }
+}
+
 TEST(KeyReducerInput, ReducesExtremeButMeaningfulParameters) {
   const KeyArray a = SampledCurve(60, Smooth);
   const KeyArray b = SampledCurve(60, [](double t) { return -Smooth(t); });
