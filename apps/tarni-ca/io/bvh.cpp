@@ -51,23 +51,28 @@ bool IEquals(std::string_view a, std::string_view b) {
   return true;
 }
 
-// A token as it appears in a message: quoted, shortened when long, and with control bytes (a
-// binary file's, say) written as \xHH so the one-line message stays one printable line.
+// Appends `text` with its control bytes (a binary file's, say) written as \xHH, so that a message
+// quoting it stays one printable line.
+void AppendPrintable(std::string& out, std::string_view text) {
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      static constexpr char kHex[] = "0123456789abcdef";
+      out += "\\x";
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0xf];
+    } else {
+      out += c;
+    }
+  }
+}
+
+// A token as it appears in a message: quoted, shortened when long, control bytes escaped.
 std::string Quote(std::string_view token) {
   if (token.empty()) return "end of file";
   constexpr size_t kLimit = 40;
   std::string text = "'";
-  for (const char c : token.substr(0, kLimit)) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      static constexpr char kHex[] = "0123456789abcdef";
-      text += "\\x";
-      text += kHex[byte >> 4];
-      text += kHex[byte & 0xf];
-    } else {
-      text += c;
-    }
-  }
+  AppendPrintable(text, token.substr(0, kLimit));
   if (token.size() > kLimit) text += "...";
   text += "'";
   return text;
@@ -196,11 +201,13 @@ class BvhParser {
   }
 
  private:
-  bool Fail(int64_t line, std::string message) {
+  // Messages name joints as the file spells them; a name may hold control bytes, which are
+  // escaped here once for every message.
+  bool Fail(int64_t line, std::string_view message) {
     error_ = IoError{};
     error_.file = std::string(fileName_);
     error_.line = line;
-    error_.message = std::move(message);
+    AppendPrintable(error_.message, message);
     return false;
   }
 
@@ -623,9 +630,9 @@ bool NameSurvivesFile(std::string_view name) {
   return name.find_first_of("\r\n{}") == std::string_view::npos;
 }
 
-bool CheckFail(IoError& error, std::string message) {
+bool CheckFail(IoError& error, std::string_view message) {
   error = IoError{};
-  error.message = std::move(message);
+  AppendPrintable(error.message, message);
   return false;
 }
 
