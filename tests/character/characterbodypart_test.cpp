@@ -176,23 +176,6 @@ TEST(CharacterBodyPart, CopyCarriesEveryFieldAndClonesChildren) {
   EXPECT_EQ(target->GetControllers().GetCount(), 0);
 }
 
-TEST(CharacterBodyPart, DescribesMembersInFieldOrder) {
-  MemberList members;
-  ASSERT_TRUE(FindClass(CharacterBodyPart::kClassId)->GetRecord().describe(members));
-  const std::vector<std::string_view> names = {
-      "_objectID",    "_objectName",           "_identifier",       "_name",
-      "_controllers", "_skeletonNodes",        "_skeletonKeywords", "_skeletonDiscardKeywords",
-      "_settings",    "_attributeTransferMode"};
-  ASSERT_EQ(members.members.GetCount(), static_cast<Int>(names.size()));
-  for (std::size_t i = 0; i < names.size(); ++i)
-    EXPECT_EQ(members.members[static_cast<Int>(i)].name, names[i]);
-  EXPECT_EQ(members.members[4].flags, kDescribeArray);
-  EXPECT_EQ(members.members[4].type, types::kUuid);
-  EXPECT_EQ(members.members[7].type, types::kString);
-  EXPECT_EQ(members.members[8].type, types::kBitSet);
-  EXPECT_EQ(members.members[9].type, kBodyPartTransferAttributeModeTypeId);
-}
-
 TEST(CharacterBodyPart, UnitRegistersClassAndModeTypeTogether) {
   const ClassInfo* info = FindClass(CharacterBodyPart::kClassId);
   ASSERT_NE(info, nullptr);

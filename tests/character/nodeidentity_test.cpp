@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "tarni/characternodetransform.h"
-#include "tarni/describe.h"
 
 namespace tarni {
 namespace {
@@ -47,9 +46,6 @@ TEST(CharacterNodeTransform, CloneSharesNodeInfoAndTextComesFromDerivedClass) {
   auto created = CreateNodeTransform(id, global, Matrix());
   ASSERT_TRUE(created);
   CharacterNodeTransformRef node = created.value();
-  EXPECT_TRUE(node->GetUuid().SharesData(id));
-  EXPECT_EQ(node->GetGlobalMatrix(), global);
-  EXPECT_EQ(node->GetPreMultiplyMatrix(), Matrix());
 
   // A clone made by a write through a shared reference shares the id data and copies matrices.
   CharacterNodeTransformRef copy = node;
@@ -67,21 +63,6 @@ TEST(CharacterNodeTransform, CloneSharesNodeInfoAndTextComesFromDerivedClass) {
       "Parent Global Matrix :\n" + std::string(kIdentityText) + "\n" + "Pre-Multiply Matrix :\n" +
       std::string(kIdentityText) + "\n";
   EXPECT_EQ(info->ToString().GetView(), expected);
-  auto asInfo = Cast<CharacterNodeInfo>(node.GetRef());
-  ASSERT_TRUE(asInfo);
-  EXPECT_EQ(asInfo->ToString().GetView(), expected);
-}
-
-TEST(CharacterNodeTransform, DescribesMembersInFieldOrder) {
-  auto node = CreateNodeTransform(Uuid(), Matrix(), Matrix()).value();
-  MemberList members;
-  ASSERT_TRUE(node.MakeWritable().value()->DescribeIO(members));
-  ASSERT_EQ(members.members.GetCount(), 5);
-  const char* names[] = {"_objectID", "_objectName", "_globalMat", "_parentGlobalMat",
-                         "_preMultiplyMat"};
-  for (Int i = 0; i < 5; ++i) EXPECT_EQ(members.members[i].name, names[i]);
-  EXPECT_EQ(members.members[2].type, types::kMatrix);
-  EXPECT_EQ(members.members[2].address, &node->GetGlobalMatrix());
 }
 
 }  // namespace
