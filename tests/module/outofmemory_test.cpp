@@ -163,8 +163,7 @@ TEST(ModuleOutOfMemory, NodesAndPoses) {
     std::vector<const Object*> watched;
     Uuid id;
     String name;
-    CharacterNodeInfoRef info, infoCopy;
-    CharacterNodeTransformRef node, nodeCopy;
+    CharacterNodeTransformRef nodeCopy;
     BaseArray<CharacterNodeTransformRef> nodes;
     CharacterPoseRef pose, poseCopy;
   } w;
@@ -174,8 +173,6 @@ TEST(ModuleOutOfMemory, NodesAndPoses) {
     w = World();
     w.id = U(7);
     w.name = Text("Hips");
-    w.info = Must(CreateNodeInfo(w.id, w.name));
-    w.node = Must(CreateNodeTransform(w.id, global, parent));
     for (int i = 0; i < 5; ++i)
       EXPECT_TRUE(w.nodes.Append(Must(CreateNodeTransform(U(10 + i), global, parent))));
     w.pose = testing::ChainPose(2, 50, 0.1);
@@ -187,36 +184,11 @@ TEST(ModuleOutOfMemory, NodesAndPoses) {
        kNoInstance},
       {"CreateNodeTransform", fresh,
        [&] { return ErrorOf(CreateNodeTransform(w.id, global, parent)); }, noCheck, kNoInstance},
-      // A failed clone on write leaves the reference on the shared original, unchanged.
-      {"CharacterNodeInfo clone on write",
-       [&] {
-         fresh();
-         w.infoCopy = w.info;
-       },
-       [&] { return ErrorOf(w.infoCopy.MakeWritable()); },
-       [&](const Error&) {
-         EXPECT_EQ(w.infoCopy, w.info);
-         EXPECT_EQ(w.info->GetName(), w.name);
-       },
-       kNoInstance},
-      {"CharacterNodeTransform clone on write",
-       [&] {
-         fresh();
-         w.nodeCopy = w.node;
-       },
-       [&] { return ErrorOf(w.nodeCopy.MakeWritable()); },
-       [&](const Error&) {
-         EXPECT_EQ(w.nodeCopy, w.node);
-         EXPECT_EQ(w.node->GetGlobalMatrix(), global);
-       },
-       kNoInstance},
       // The pose is left empty, never partly filled, and keeps none of the new nodes.
       {"CharacterPose::SetNodeTransformArray", fresh,
        [&] { return ErrorOf(w.pose.MakeWritable().value()->SetNodeTransformArray(w.nodes)); },
        [&](const Error&) { EXPECT_EQ(w.pose->GetNodeTransformCount(), 0); }},
-      {"CharacterPose created by class id", fresh,
-       [&] { return ErrorOf(CreateObject<CharacterPose>(CharacterPose::kClassId)); }, noCheck,
-       kNoInstance},
+      // A failed clone on write leaves the reference on the shared original, unchanged.
       {"CharacterPose clone on write",
        [&] {
          fresh();
@@ -247,8 +219,6 @@ TEST(ModuleOutOfMemory, NodesAndPoses) {
          w.nodeCopy.Reset();
        },
        kAbsorbed},
-      DumpCase("CharacterNodeInfo::ToString", fresh, [&] { return w.info->ToString(); }),
-      DumpCase("CharacterNodeTransform::ToString", fresh, [&] { return w.node->ToString(); }),
       DumpCase("CharacterPose::ToString", fresh, [&] { return w.pose->ToString(); }),
   };
   WalkAll(cases, w.watched);
@@ -262,7 +232,6 @@ TEST(ModuleOutOfMemory, TreesAndBodyParts) {
     std::string treeShape, partsShape;
     BaseArray<Uuid> uuids;
     BaseArray<String> words;
-    InternedId leg;
     String legName;
   } w;
   auto fresh = [&] {
@@ -273,12 +242,10 @@ TEST(ModuleOutOfMemory, TreesAndBodyParts) {
     w.partsShape = ShapeOf(w.parts.Root());
     w.uuids = Uuids({7, 8, 9});
     w.words = Words({"left", "right", "mid"});
-    w.leg = testing::Ident("leg");
     w.legName = Text("Leg");
     WatchAll(w.watched, w.skeleton.nodes);
     WatchAll(w.watched, w.parts.parts);
     w.watched.push_back(w.skeleton.loose.ObjectOf());
-    w.watched.push_back(w.parts.loose.ObjectOf());
   };
   // Read-only walks and failed copies leave both hierarchies as they were.
   auto unchanged = [&](const Error&) {
@@ -289,12 +256,8 @@ TEST(ModuleOutOfMemory, TreesAndBodyParts) {
   const std::vector<FaultCase> cases = {
       {"CreateTree", fresh, [&] { return ErrorOf(CreateTree(w.uuids[0], "Hips"_s, true)); },
        unchanged, kNoInstance},
-      {"CharacterTree::GetHiearchyCount(all)", fresh,
-       [&] { return ErrorOf(w.skeleton.Root()->GetHiearchyCount(false)); }, unchanged},
-      {"CharacterTree::GetHiearchyCount(transform nodes)", fresh,
+      {"CharacterTree::GetHiearchyCount", fresh,
        [&] { return ErrorOf(w.skeleton.Root()->GetHiearchyCount(true)); }, unchanged},
-      {"CharacterTree::GetChildren", fresh,
-       [&] { return ErrorOf(w.skeleton.Root()->GetChildren()); }, unchanged},
       // A child that could not be inserted stays a root of its own.
       {"CharacterTree::InsertChild", fresh,
        [&] { return ErrorOf(w.skeleton.nodes[3]->InsertChild(w.skeleton.loose, 1)); },
@@ -302,29 +265,14 @@ TEST(ModuleOutOfMemory, TreesAndBodyParts) {
          unchanged(error);
          EXPECT_EQ(w.skeleton.loose->GetParent(), nullptr);
        }},
-      {"CharacterTree deep clone", fresh, [&] { return ErrorOf(w.skeleton.Root()->Clone()); },
-       unchanged, kNoInstance},
-      DumpCase("CharacterTree::ToString", fresh, [&] { return w.skeleton.nodes[1]->ToString(); }),
-      {"CreateBodyPart", fresh, [&] { return ErrorOf(CreateBodyPart(w.leg, w.legName)); },
-       unchanged, kNoInstance},
       {"CharacterBodyPart::SetControllers", fresh,
        [&] { return ErrorOf(armPart().SetControllers(w.uuids)); },
        [&](const Error&) { EXPECT_EQ(armPart().GetControllers().GetCount(), 0); }},
-      {"CharacterBodyPart::SetSkeleton", fresh,
-       [&] { return ErrorOf(armPart().SetSkeleton(w.uuids)); },
-       [&](const Error&) { EXPECT_EQ(armPart().GetSkeleton().GetCount(), 0); }},
       {"CharacterBodyPart::SetSkeletonKeywords", fresh,
        [&] { return ErrorOf(armPart().SetSkeletonKeywords(w.words)); },
        [&](const Error&) { EXPECT_EQ(armPart().GetSkeletonKeywords().GetCount(), 0); }},
-      {"CharacterBodyPart::SetSkeletonDiscardKeywords", fresh,
-       [&] { return ErrorOf(armPart().SetSkeletonDiscardKeywords(w.words)); },
-       [&](const Error&) { EXPECT_EQ(armPart().GetSkeletonDiscardKeywords().GetCount(), 0); }},
-      {"CharacterBodyPart::GetHierarchyControllers", fresh,
-       [&] { return ErrorOf(w.parts.Root()->GetHierarchyControllers()); }, unchanged},
       {"CharacterBodyPart::GetHierarchySkeleton", fresh,
        [&] { return ErrorOf(w.parts.Root()->GetHierarchySkeleton()); }, unchanged},
-      {"CharacterBodyPart::GetControllersCount(hierarchy)", fresh,
-       [&] { return ErrorOf(w.parts.Root()->GetControllersCount(true)); }, unchanged},
       {"CharacterBodyPart::GetSkeletonCount(hierarchy)", fresh,
        [&] { return ErrorOf(w.parts.Root()->GetSkeletonCount(true)); }, unchanged},
       // The walk empties body parts in pre-order until it fails: the root always, then a prefix.
@@ -340,16 +288,8 @@ TEST(ModuleOutOfMemory, TreesAndBodyParts) {
            reached = reached && cleared;
          }
        }},
-      {"CharacterBodyPart::FindBodyPartByID", fresh,
-       [&] { return ErrorOf(w.parts.Root()->FindBodyPartByID(w.leg)); }, unchanged},
       {"CharacterBodyPart::FindBodyPartByName", fresh,
        [&] { return ErrorOf(w.parts.Root()->FindBodyPartByName(w.legName)); }, unchanged},
-      {"CharacterBodyPart::InsertChild", fresh,
-       [&] { return ErrorOf(w.parts.parts[2]->InsertChild(w.parts.loose, 0)); },
-       [&](const Error& error) {
-         unchanged(error);
-         EXPECT_EQ(w.parts.loose->GetParent(), nullptr);
-       }},
       {"CharacterBodyPart deep clone", fresh, [&] { return ErrorOf(w.parts.Root()->Clone()); },
        unchanged, kNoInstance},
       DumpCase("CharacterBodyPart::ToString", fresh, [&] { return armPart().ToString(); }),
@@ -370,8 +310,7 @@ TEST(ModuleOutOfMemory, DefinitionsAssociationsAndSettings) {
     std::string associationText;
     Uuid a, b, c, d;
     InternedId x, y, p, q;
-    CharacterBodyPartRef partP, partQ;
-    CharacterBodyPartSolverSettingRef setting, extra;
+    CharacterBodyPartSolverSettingRef extra;
     std::vector<CharacterBodyPartSolverSettingRef> settings;
     CharacterSolverConfigurationRef config;
     std::string configText;
@@ -389,12 +328,9 @@ TEST(ModuleOutOfMemory, DefinitionsAssociationsAndSettings) {
     w.a = U(1), w.b = U(2), w.c = U(3), w.d = U(4);
     w.x = testing::Ident("x"), w.y = testing::Ident("y");
     w.p = testing::Ident("p"), w.q = testing::Ident("q");
-    w.partP = Must(CreateBodyPart(w.p, "P"_s));
-    w.partQ = Must(CreateBodyPart(w.q, "Q"_s));
     EXPECT_TRUE(w.association.MakeWritable().value()->AssociateUuid(w.a, w.b));
     EXPECT_TRUE(w.association.MakeWritable().value()->AssociateId(w.x, w.y));
     w.associationText = View(w.association->ToString());
-    w.setting = testing::MakeSetting(w.p, 0.5, true, false);
     w.extra = testing::MakeSetting(testing::Ident("extra"), 0.25, false, true);
     w.config =
         Must(CreateObject<CharacterSolverConfiguration>(CharacterSolverConfiguration::kClassId));
@@ -413,7 +349,6 @@ TEST(ModuleOutOfMemory, DefinitionsAssociationsAndSettings) {
          {ObjectOf(w.rest), ObjectOf(w.definition), ObjectOf(w.association), ObjectOf(w.extra)})
       w.watched.push_back(object);
   };
-  auto noCheck = [](const Error&) {};
   auto definitionUnchanged = [&](const Error&) {
     EXPECT_EQ(ShapeOf(w.definition->GetSkeletonTree()), w.treeShape);
     EXPECT_EQ(ShapeOf(w.definition->GetBodyPartTree()), w.partsShape);
@@ -430,15 +365,8 @@ TEST(ModuleOutOfMemory, DefinitionsAssociationsAndSettings) {
     EXPECT_TRUE(!first || first.value() == w.q);
   };
   const std::vector<FaultCase> cases = {
-      {"CharacterDefinition created by class id", fresh,
-       [&] { return ErrorOf(CreateObject<CharacterDefinition>(CharacterDefinition::kClassId)); },
-       noCheck, kNoInstance},
       {"CharacterDefinition deep clone", fresh, [&] { return ErrorOf(w.definition->Clone()); },
        definitionUnchanged, kNoInstance},
-      DumpCase("CharacterDefinition::ToString", fresh, [&] { return w.definition->ToString(); }),
-      {"CharacterAssociation created by class id", fresh,
-       [&] { return ErrorOf(CreateObject<CharacterAssociation>(CharacterAssociation::kClassId)); },
-       noCheck, kNoInstance},
       {"CharacterAssociation::AssociateUuid", fresh,
        [&] { return ErrorOf(w.writable->AssociateUuid(w.c, w.d)); },
        [&](const Error&) {
@@ -450,8 +378,6 @@ TEST(ModuleOutOfMemory, DefinitionsAssociationsAndSettings) {
        }},
       {"CharacterAssociation::AssociateId", fresh,
        [&] { return ErrorOf(w.writable->AssociateId(w.p, w.q)); }, idsKept},
-      {"CharacterAssociation::AssociateBodyPart", fresh,
-       [&] { return ErrorOf(w.writable->AssociateBodyPart(w.partP, w.partQ)); }, idsKept},
       {"CharacterAssociation clone on write",
        [&] {
          fresh();
@@ -464,22 +390,6 @@ TEST(ModuleOutOfMemory, DefinitionsAssociationsAndSettings) {
        },
        kNoInstance},
       DumpCase("CharacterAssociation::ToString", fresh, [&] { return w.association->ToString(); }),
-      {"CharacterBodyPartSolverSetting created by class id", fresh,
-       [&] {
-         return ErrorOf(CreateObject<CharacterBodyPartSolverSetting>(
-             CharacterBodyPartSolverSetting::kClassId));
-       },
-       noCheck, kNoInstance},
-      {"CharacterBodyPartSolverSetting clone", fresh, [&] { return ErrorOf(w.setting->Clone()); },
-       noCheck, kNoInstance},
-      DumpCase("CharacterBodyPartSolverSetting::ToString", fresh,
-               [&] { return w.setting->ToString(); }),
-      {"CharacterSolverConfiguration created by class id", fresh,
-       [&] {
-         return ErrorOf(
-             CreateObject<CharacterSolverConfiguration>(CharacterSolverConfiguration::kClassId));
-       },
-       noCheck, kNoInstance},
       // The settings are left unchanged and the new one is not kept.
       {"CharacterSolverConfiguration::SetBodyPartSetting", fresh,
        [&] { return ErrorOf(w.config->SetBodyPartSetting(w.extra)); },
@@ -569,9 +479,6 @@ TEST(ModuleOutOfMemory, SolverAndRetargetHelper) {
   }
 
   const std::vector<FaultCase> cases = {
-      {"CharacterSolver created by class id", fresh,
-       [&] { return ErrorOf(CreateObject<CharacterSolver>(CharacterSolver::kClassId)); }, posesKept,
-       kNoInstance},
       {"CharacterSolver::ExtractGlobalDeltaPose", fresh,
        [&] { return ErrorOf(w.solver->ExtractGlobalDeltaPose(w.config, w.source)); }, posesKept,
        kNoInstance},
@@ -599,9 +506,6 @@ TEST(ModuleOutOfMemory, SolverAndRetargetHelper) {
          posesKept(error);
        },
        kNoInstance | kAbsorbed},
-      {"RetargetBaseHelper created by class id", fresh,
-       [&] { return ErrorOf(CreateObject<RetargetBaseHelper>(RetargetBaseHelper::kClassId)); },
-       posesKept, kNoInstance},
       // Body parts are filled in pre-order: those before the failure hold their new skeleton,
       // those after it their old one; the one being filled keeps its old list, or is left empty
       // when the new list could not be stored.
@@ -648,12 +552,6 @@ TEST(ModuleOutOfMemory, SolverAndRetargetHelper) {
       {"RetargetBaseHelper::FindSkeletonMatchingCount(recursive)", fresh,
        [&] {
          return ErrorOf(w.helper->FindSkeletonMatchingCount(w.destination.Root(), w.source, true));
-       },
-       posesKept},
-      {"RetargetBaseHelper::FindControllerMatchingCount(recursive)", fresh,
-       [&] {
-         return ErrorOf(
-             w.helper->FindControllerMatchingCount(w.destination.Root(), w.source, true));
        },
        posesKept},
   };
@@ -723,9 +621,6 @@ TEST(ModuleOutOfMemory, CurveCommandsAndTheirData) {
        kNoInstance},
       {"CreateCommand(bezier fitter)", plain,
        [&] { return ErrorOf(CreateCommand(kBezierFitterCommandId)); }, noCheck, kNoInstance},
-      {"CreateCommand(reduced modification curve)", plain,
-       [&] { return ErrorOf(CreateCommand(kReducedModificationCurveCommandId)); }, noCheck,
-       kNoInstance},
       // A value that cannot be stored leaves the dictionary without it.
       {"CommandData::Set<KeyCurves>", plain,
        [&] {
@@ -780,14 +675,6 @@ TEST(ModuleOutOfMemory, CurveCommandsAndTheirData) {
                      }});
   }
   // The keyframe type's heap values: a failed allocation gives no value.
-  cases.push_back({"keyframe data type: new heap value", plain,
-                   [&] {
-                     void* value = w.keyType->operations.heapNew();
-                     if (value == nullptr) return OutOfMemoryError();
-                     w.keyType->operations.heapFree(value);
-                     return Error();
-                   },
-                   noCheck});
   cases.push_back({"keyframe data type: heap copy", plain,
                    [&] {
                      void* value = w.keyType->operations.heapCopy(&w.key);
@@ -882,20 +769,13 @@ TEST(ModuleOutOfMemory, CopyingIntoExistingObjects) {
          sourcesKept(error);
          EXPECT_EQ(w.otherPose->GetNodeTransformCount(), 0);
        }},
-      // Trees and body parts take the node info first; the children are some of the clones.
-      {"CharacterTree CopyFrom", fresh,
-       [&] { return ErrorOf(into(w.otherSkeleton.nodes[1]).CopyFrom(into(w.skeleton.Root()))); },
-       [&](const Error& error) {
-         sourcesKept(error);
-         EXPECT_EQ(w.otherSkeleton.nodes[1]->GetName(), w.skeleton.Root()->GetName());
-         EXPECT_LE(w.otherSkeleton.nodes[1]->GetChildCount(), 2);
-       },
-       kNoInstance},
+      // Body parts take the node info first; the children are some of the clones.
       {"CharacterBodyPart CopyFrom", fresh,
        [&] { return ErrorOf(into(w.otherParts.parts[1]).CopyFrom(into(w.parts.Root()))); },
        [&](const Error& error) {
          sourcesKept(error);
          EXPECT_EQ(w.otherParts.parts[1]->GetName(), w.parts.Root()->GetName());
+         EXPECT_LE(w.otherParts.parts[1]->GetChildCount(), 2);
        },
        kNoInstance},
       // The definition takes the node info, then each tree in turn.
@@ -960,10 +840,6 @@ TEST(ModuleOutOfMemory, MemberDescriptions) {
     cases.push_back({std::string(classId.GetText()) + " DescribeIO", setup,
                      [&] { return ErrorOf(object->DescribeIO(members)); },
                      [&](const Error&) { object.Reset(); }});
-    cases.push_back(
-        {std::string(classId.GetText()) + " class description", setup,
-         [&, classId] { return ErrorOf(FindClass(classId)->GetRecord().describe(members)); },
-         [&](const Error&) { object.Reset(); }});
   }
   WalkAll(cases, watched);
 }
