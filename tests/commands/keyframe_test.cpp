@@ -58,10 +58,6 @@ TEST(KeyframeDataType, ConstructsCopiesAndMovesKeysAtAnyStride) {
     ops.construct(buffer, 40, 3);
     for (int i = 0; i < 3; ++i) EXPECT_TRUE(IsDefault(KeyAt(buffer + i * 40))) << i;
     EXPECT_EQ(buffer[28], 0xAB);
-    EXPECT_EQ(buffer[39], 0xAB);
-    KeyArray keys;
-    ASSERT_TRUE(keys.Resize(2));
-    EXPECT_TRUE(IsDefault(keys[1]));
   }
   // Equal strides copy one block; different strides element by element, the padding untouched.
   {
@@ -103,7 +99,6 @@ TEST(KeyframeDataType, ConstructsCopiesAndMovesKeysAtAnyStride) {
     EXPECT_EQ(copy, nullptr);
     EXPECT_TRUE(SameBits(*static_cast<Key*>(fresh), source[0]));
     ops.heapFree(fresh);
-    ops.heapFree(nullptr);
   }
 }
 
