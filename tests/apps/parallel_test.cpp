@@ -2,60 +2,25 @@
 // one thread writes, with presets and with one shared solver set-up. Under the thread sanitizer
 // the executable halts on the first race, so a clean exit also shows there was none.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "apps/jobrun.h"
 #include "io/bvh.h"
 #include "motion/demogen.h"
 
 namespace tarni::host {
 namespace {
 
-namespace fs = std::filesystem;
-
-std::string ReadFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream bytes;
-  bytes << in.rdbuf();
-  return bytes.str();
-}
-
-// A scratch folder of this test's own, removed at the end.
-struct Scratch {
-  fs::path path = fs::temp_directory_path() / ("tarni-parallel-" + std::to_string(::getpid()));
-  Scratch() {
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~Scratch() {
-    std::error_code ignored;
-    fs::remove_all(path, ignored);
-  }
-};
-
-// Runs tarni-ca with `arguments`; its exit status, with standard error kept for the message.
-int RunHost(const Scratch& scratch, const std::string& arguments, std::string& err) {
-  const fs::path errFile = scratch.path / "stderr.txt";
-  const std::string command = std::string("'") + TARNI_CA_EXE + "' " + arguments +
-                              " >/dev/null 2>'" + errFile.string() + "'";
-  const int raw = std::system(command.c_str());
-  err = ReadFile(errFile);
-  return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-}
+using namespace jobtest;
 
 // Every file of `folder` by name, with its bytes.
 std::vector<std::pair<std::string, std::string>> Contents(const fs::path& folder) {
   std::vector<std::pair<std::string, std::string>> files;
   for (const auto& entry : fs::directory_iterator(folder))
-    files.emplace_back(entry.path().filename().string(), ReadFile(entry.path()));
+    files.emplace_back(entry.path().filename().string(), ReadText(entry.path()));
   std::sort(files.begin(), files.end());
   return files;
 }
@@ -75,7 +40,7 @@ std::vector<std::pair<std::string, std::string>> Contents(const fs::path& folder
 }
 
 TEST(RetargetBatch, ThreadsWriteWhatOneThreadWrites) {
-  Scratch scratch;
+  ScratchDir scratch("parallel");
   // Generated walks of different lengths, rates and strides, so the threads finish out of order;
   // the shared clips join them when they are there.
   std::string walks, sources;
@@ -85,7 +50,7 @@ TEST(RetargetBatch, ThreadsWriteWhatOneThreadWrites) {
     options.cycles = 1 + i % 3;
     options.fps = i % 2 == 0 ? 30.0 : 24.0;
     options.strideCm = 80.0 + 10.0 * i;
-    const fs::path clip = scratch.path / ("walk" + std::to_string(i) + ".bvh");
+    const fs::path clip = scratch.path() / ("walk" + std::to_string(i) + ".bvh");
     IoError error;
     ASSERT_TRUE(WriteBvh(clip, MakeWalkingHumanoid(options), error)) << error.ToText();
     walks += " '" + clip.string() + "'";
@@ -100,11 +65,11 @@ TEST(RetargetBatch, ThreadsWriteWhatOneThreadWrites) {
     sources += " '" + clip.string() + "'";
     ++count;
   }
-  const fs::path target = scratch.path / "target.bvh";
+  const fs::path target = scratch.path() / "target.bvh";
   IoError error;
   ASSERT_TRUE(WriteBvh(target, MakeTargetSkeleton(), error)) << error.ToText();
   const std::string onto = " --target '" + target.string() + "'";
-  const std::string setup = (scratch.path / "setup.json").string();
+  const std::string setup = (scratch.path() / "setup.json").string();
 
   // Each run: its sources and options, and its output folder. The stored set-up is the first
   // walk's, so only the walks, which share its skeleton, are run with it.
@@ -119,19 +84,16 @@ TEST(RetargetBatch, ThreadsWriteWhatOneThreadWrites) {
       {walks + " -j 4 --setup '" + setup + "'", "four-setup"},
   };
   for (const Run& run : runs) {
-    std::string err;
-    const fs::path out = scratch.path / run.folder;
-    ASSERT_EQ(
-        RunHost(scratch, "retarget" + run.arguments + onto + " -o '" + out.string() + "'", err), 0)
-        << run.arguments << "\n"
-        << err;
+    const JobRun job =
+        RunHost(scratch, "retarget" + run.arguments + onto + " -o " + scratch.Quoted(run.folder));
+    ASSERT_EQ(job.status, 0) << run.arguments << "\n" << job.err;
   }
   // With presets: a BVH file and its reduced curves per source.
-  EXPECT_EQ(Contents(scratch.path / "one").size(), static_cast<std::size_t>(2 * count));
-  EXPECT_TRUE(SameFiles(scratch.path / "one", scratch.path / "four"));
+  EXPECT_EQ(Contents(scratch.path() / "one").size(), static_cast<std::size_t>(2 * count));
+  EXPECT_TRUE(SameFiles(scratch.path() / "one", scratch.path() / "four"));
   // With the stored set-up, shared by every thread.
-  EXPECT_EQ(Contents(scratch.path / "one-setup").size(), static_cast<std::size_t>(walkCount));
-  EXPECT_TRUE(SameFiles(scratch.path / "one-setup", scratch.path / "four-setup"));
+  EXPECT_EQ(Contents(scratch.path() / "one-setup").size(), static_cast<std::size_t>(walkCount));
+  EXPECT_TRUE(SameFiles(scratch.path() / "one-setup", scratch.path() / "four-setup"));
 }
 
 }  // namespace
