@@ -321,6 +321,9 @@ TEST_F(RetargetJob, BatchFinishesTheGoodFilesAfterABadOne) {
   EXPECT_EQ(run.status, 2);
   EXPECT_EQ(run.err.rfind("tarni-ca: " + PathOf("broken.bvh") + ":", 0), 0u) << run.err;
   EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+  // The summary counts what was written.
+  EXPECT_EQ(run.out.rfind("retargeted 2 of 3 clips onto " + PathOf("target.bvh") + ": ", 0), 0u)
+      << run.out;
   EXPECT_FALSE(fs::exists(PathOf("batch/broken.bvh")));
   EXPECT_TRUE(fs::exists(PathOf("batch/walk.bvh")));
   EXPECT_EQ(ReadText(PathOf("batch/walk.bvh")), ReadText(PathOf("batch/second.bvh")));

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -163,6 +164,7 @@ struct Outcome {
   bool ok = false;
   bool badInput = true;
   std::string message;
+  int64_t frames = 0;  // written, when ok
 };
 
 std::filesystem::path CurvesPathFor(const std::filesystem::path& bvh) {
@@ -221,6 +223,7 @@ Outcome RetargetOne(const std::string& sourcePath, const std::filesystem::path& 
     }
   }
   outcome.ok = true;
+  outcome.frames = output.frameCount;
   return outcome;
 }
 
@@ -292,6 +295,7 @@ int RunRetarget(int argc, char** argv) {
   }
 
   const size_t total = options.sources.size();
+  const auto start = std::chrono::steady_clock::now();
   std::vector<Outcome> outcomes(total);
   std::atomic<size_t> next{0};
   std::atomic<size_t> done{0};
@@ -318,11 +322,23 @@ int RunRetarget(int argc, char** argv) {
   for (std::thread& thread : pool) thread.join();
 
   int status = kExitOk;
+  size_t written = 0;
+  int64_t frames = 0;
   for (const Outcome& outcome : outcomes) {
-    if (outcome.ok) continue;
+    if (outcome.ok) {
+      ++written;
+      frames += outcome.frames;
+      continue;
+    }
     PrintError(outcome.message);
     status = std::max(status, outcome.badInput ? kExitBadInput : kExitFailure);
   }
+  // One line for the log of a batch: what was written, and how fast.
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  std::printf("retargeted %zu of %zu clip%s onto %s: %lld frames in %.3f s -> %s\n", written, total,
+              total == 1 ? "" : "s", options.target.c_str(), static_cast<long long>(frames),
+              seconds, options.output.c_str());
   return status;
 }
 
