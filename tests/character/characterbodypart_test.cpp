@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "character/modelfault.h"
 #include "source/module/units.h"
 #include "tarni/characterbodypart.h"
 #include "tarni/charactertree.h"
 #include "tarni/describe.h"
+#include "tarni/memory.h"
 
 namespace tarni {
 namespace {

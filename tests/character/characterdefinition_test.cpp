@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "character/modelfault.h"
+#include "kernel/fault_loop.h"
 #include "tarni/characterdefinition.h"
 
 namespace tarni {
@@ -96,14 +96,15 @@ TEST(CharacterDefinition, CopyFailsWhenTreeCloneRunsOutOfMemory) {
   SampleCharacter a;
   CharacterDefinitionRef b = MakeDefinition();
   int skeletonKept = 0;
-  const int failures = testing::ForEachFailingAllocation(
+  const auto failures = testing::ForEachFailingAllocation(
       [&] {
         ASSERT_TRUE(b->SetSkeletonTree(nullptr));
         ASSERT_TRUE(b->SetBodyPartTree(nullptr));
         ASSERT_TRUE(b->SetSkeletonRestPose(nullptr));
       },
       [&] { return b->CopyFrom(*a.definition); },
-      [&](const Result<void>& result) {
+      [&](const Result<void>& result, bool hit) {
+        if (!hit) return;
         EXPECT_TRUE(result.error().Is(ErrorKind::kOutOfMemory) ||
                     result.error().Is(ErrorKind::kNullReference));
         // The poses come last: a failed copy has not shared them yet.

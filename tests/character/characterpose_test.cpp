@@ -3,7 +3,6 @@
 
 #include <string>
 
-#include "character/modelfault.h"
 #include "tarni/characterpose.h"
 
 namespace tarni {

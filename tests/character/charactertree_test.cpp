@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <string>
 
-#include "character/modelfault.h"
 #include "tarni/characterbodypart.h"
 #include "tarni/charactertree.h"
 #include "tarni/describe.h"

@@ -4,7 +4,6 @@
 
 #include <string>
 
-#include "character/modelfault.h"
 #include "tarni/charactersolverconfiguration.h"
 
 namespace tarni {

@@ -1,7 +1,6 @@
 // Body-part solver settings through their interface, as the solver and a host use them.
 #include <gtest/gtest.h>
 
-#include "character/modelfault.h"
 #include "tarni/characterbodypartsolversetting.h"
 #include "tarni/characternodeinfo.h"
 #include "tarni/memory.h"

@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "character/modelfault.h"
 #include "source/solver/quaternion.h"
 #include "support/samplecharacter.h"
 #include "tarni/charactersolver.h"
@@ -294,22 +293,6 @@ TEST(DeltaExtraction, KeptRestDataFollowsTheRestPose) {
     EXPECT_EQ(first->GetGlobalMatrix(), global);
     EXPECT_EQ(first->GetRefCount(), 1);
   }
-}
-
-TEST(DeltaExtraction, RestDataOutOfMemoryFailsOnceThenWorks) {
-  // The first extraction with a new rest pose needs memory for the kept data: when none can be
-  // had, the extraction fails with the out-of-memory error and keeps nothing half made.
-  Extraction extraction(MakePose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})));
-  const CharacterPoseRef source = MakePose(Nodes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, 3));
-  const int failures = testing::ForEachFailingAllocation(
-      [] {}, [&] { return extraction.solver->ExtractGlobalDeltaPose(extraction.config, source); },
-      [&](const Result<CharacterPoseRef>& failed) {
-        EXPECT_FALSE(failed.has_value());
-        EXPECT_TRUE(failed.error().Is(ErrorKind::kOutOfMemory) ||
-                    failed.error().Is(ErrorKind::kNullReference));
-      });
-  EXPECT_GT(failures, 0);
-  extraction.ExpectFormula(source);
 }
 
 }  // namespace
