@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cfloat>
@@ -12,6 +11,7 @@
 #include <limits>
 #include <string>
 
+#include "apps/jobrun.h"
 #include "io/atomicfile.h"
 
 namespace tarni::host {
@@ -447,11 +447,9 @@ TEST(BvhWriter, CheckTurnsDownMotionsThatWouldNotReadBack) {
   }
 }
 
-TEST(BvhWriter, WritesFilesAtomicallyAndRefusesBadMotions) {
-  const std::filesystem::path dir =
-      std::filesystem::temp_directory_path() / ("tarni-bvh-test-" + std::to_string(::getpid()));
-  std::filesystem::remove_all(dir);
-  std::filesystem::create_directories(dir);
+TEST(BvhWriter, WritesFilesThroughTheCheck) {
+  jobtest::ScratchDir dir("bvh");
+  const std::filesystem::path out = dir.path() / "out.bvh";
   const BvhMotion m = AwkwardMotion();
   BvhMotion bad = m;
   bad.channelCount = 1;
@@ -459,24 +457,17 @@ TEST(BvhWriter, WritesFilesAtomicallyAndRefusesBadMotions) {
   BvhMotion back;
   // Written and read back through the paths; a motion that fails the check leaves the old file
   // alone and names the destination.
-  ASSERT_TRUE(WriteBvh(dir / "out.bvh", m, error)) << error.ToText();
-  EXPECT_FALSE(WriteBvh(dir / "out.bvh", bad, error));
-  EXPECT_EQ(error.file, (dir / "out.bvh").string());
-  ASSERT_TRUE(ReadBvh(dir / "out.bvh", back, error)) << error.ToText();
+  ASSERT_TRUE(WriteBvh(out, m, error)) << error.ToText();
+  EXPECT_FALSE(WriteBvh(out, bad, error));
+  EXPECT_EQ(error.file, out.string());
+  ASSERT_TRUE(ReadBvh(out, back, error)) << error.ToText();
   ExpectSameMotion(back, m);
-  // A missing file is reported with its name.
-  EXPECT_FALSE(ReadBvh(dir / "missing.bvh", back, error));
-  EXPECT_EQ(error.file, (dir / "missing.bvh").string());
-  EXPECT_THAT(error.message, HasSubstr("cannot open"));
-  // Only the written file is there: no temporaries left behind.
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir),
-                          std::filesystem::directory_iterator()),
-            1);
-  std::filesystem::remove_all(dir);
+  EXPECT_EQ(dir.Files(), std::vector<std::string>{"out.bvh"});
 }
 
 TEST(BvhReader, SharedClipsReadAndRoundTrip) {
-  // The walk has a CRLF hierarchy; the idle clip has six channels on inner joints.
+  // The walk has a CRLF hierarchy; the idle clip has six channels on inner joints. Each reads,
+  // passes the check and writes text that reads back bit for bit.
   struct Clip {
     const char* name;
     size_t joints;
@@ -501,16 +492,6 @@ TEST(BvhReader, SharedClipsReadAndRoundTrip) {
     EXPECT_EQ(m.values.front(), clip.firstValue);
     EXPECT_TRUE(CheckBvh(m, error)) << error.ToText();
     ExpectSameMotion(ReadOk(WriteBvh(m)), m);
-    if (clip.joints == 31 && clip.frames == 994) {
-      EXPECT_EQ(m.channelCount, 96);
-      EXPECT_EQ(m.joints[static_cast<size_t>(m.FindJoint("LeftKnee"))].offset[0], 2.49329);
-      EXPECT_EQ(m.joints[0].channels[3], Channel::kZrotation);
-      EXPECT_EQ(m.Value(993, 95), 19.734);  // the last value of the file
-    }
-    if (clip.joints == 19) {
-      EXPECT_EQ(m.joints[static_cast<size_t>(m.FindJoint("spine"))].channels.size(), 6u);
-      EXPECT_EQ(m.joints[0].offset[1], 0.727022);
-    }
   }
 }
 

@@ -67,9 +67,6 @@ TEST_F(ReduceJob, ReducesCurvesAndReportsTheLargestError) {
     EXPECT_HAS(run.out, "  keys in:       600\n");
     const CurveFile output = ReadCurves("out.json");
     ASSERT_EQ(output.curves.size(), 2u);
-    EXPECT_EQ(output.curves[1].name, "Arm.Yrotation");
-    EXPECT_EQ(output.fps, 30);
-    EXPECT_TRUE(output.ranges.empty());
     const size_t out = output.curves[0].keys.size() + output.curves[1].keys.size();
     EXPECT_LT(out, 60u);
     EXPECT_HAS(run.out, "  keys out:      " + std::to_string(out) + " (");
