@@ -214,16 +214,6 @@ class Leaf final : public Object {
   TARNI_IMPLEMENTS(Leaf, Object)
 };
 
-// A node type of its own: a hierarchy object answering one more interface.
-class Tagged : public virtual HierarchyObject {
- public:
-  static constexpr Id kInterfaceId{"net.tarni.test.interface.tagged"};
-  using Extends = InterfaceList<HierarchyObject>;
-};
-class TaggedImpl final : public HierarchyComponent<Tagged> {
-  TARNI_IMPLEMENTS(TaggedImpl, Tagged)
-};
-
 TEST(WalkHierarchy, FailsOnNodesItCannotDescend) {
   auto count = [](int& visits) {
     return [&visits](const auto&, auto*, Int) -> Result<bool> {
@@ -245,21 +235,6 @@ TEST(WalkHierarchy, FailsOnNodesItCannotDescend) {
     auto walked = WalkHierarchy(Ref<Object>(new Leaf()), count(visits));
     EXPECT_TRUE(walked.error().Is(ErrorKind::kNullReference));
     EXPECT_EQ(walked.error().GetMessage(), "Node is not a hierarchy object.");
-  }
-  {
-    // Walked as Tagged: a plain child lacks the interface, is offered empty, and walking its
-    // children fails with the null-reference error.
-    Ref<Tagged> root(new TaggedImpl());
-    Ref<Tagged> tagged(new TaggedImpl());
-    ASSERT_TRUE(root->InsertChild(tagged));
-    ASSERT_TRUE(root->InsertChild(NewNode()));
-    std::vector<bool> offered;
-    auto walked = WalkHierarchy(root, [&](const Ref<Tagged>& node, Tagged*, Int) -> Result<bool> {
-      offered.push_back(static_cast<bool>(node));
-      return true;
-    });
-    EXPECT_TRUE(walked.error().Is(ErrorKind::kNullReference));
-    EXPECT_EQ(offered, (std::vector<bool>{true, true, false}));
   }
   {
     // The walk's own copy of each child list can fail too.
