@@ -95,29 +95,6 @@ const Matrix& DeltaOf(const CharacterPoseRef& pose, Int index) {
 const Vector kAxis1 = Unit({1, 2, 3});
 const Vector kAxis2 = Unit({-2, 0.5, 1});
 
-TEST(CharacterSolver, DeltaOfAnUnmovedPoseIsIdentity) {
-  // Rest: a hip and a knee under it, both turned and offset; the knee's parent is the hip.
-  const Matrix hip = Rotation(kAxis1, 0.7, {1, 2, 3});
-  const Matrix knee = hip * Rotation(kAxis2, -0.4, {0, -4, 0});
-  const Matrix world = Rotation(kAxis2, 0.2, {5, 0, 0});
-  CharacterPoseRef rest = Pose({Node(1, hip, world), Node(2, knee, hip)});
-  // The source holds equal but distinct nodes, in another order, and one the rest pose lacks.
-  CharacterPoseRef source =
-      Pose({Node(9, Rotation(kAxis1, 2.0)), Node(2, knee, hip), Node(1, hip, world)});
-  auto extracted = Solver()->ExtractGlobalDeltaPose(Config(Definition(rest)), source);
-  ASSERT_TRUE(extracted) << extracted.error().GetMessage();
-  const CharacterPoseRef& deltas = extracted.value();
-  ASSERT_EQ(deltas->GetNodeTransformCount(), 2);
-  for (Int i = 0; i < 2; ++i) {
-    EXPECT_TRUE(MatrixNear(DeltaOf(deltas, i), Matrix{})) << "node " << i;
-    // Everything else is the rest node's.
-    const CharacterNodeTransformRef& node = deltas->GetNodeTransformArray()[i];
-    const CharacterNodeTransformRef& restNode = rest->GetNodeTransformArray()[i];
-    EXPECT_TRUE(node->GetUuid().SharesData(restNode->GetUuid()));
-    EXPECT_EQ(node->GetParentGlobalMatrix(), restNode->GetParentGlobalMatrix());
-  }
-}
-
 TEST(CharacterSolver, DeltaTakesTheSourceParentsMotionOut) {
   const Matrix restParent = Rotation(kAxis1, 0.3, {0, 1, 0});
   const Matrix restGlobal = restParent * Rotation(kAxis2, 0.5, {0, 2, 0});
