@@ -25,7 +25,7 @@ std::string Members(const Id& classId) {
   return text;
 }
 
-TEST(SetUpClasses, DescribeTheirMembersInFieldOrder) {
+TEST(DescribeIO, ListsEverySetUpClassMemberInFieldOrder) {
   const std::pair<Id, const char*> rows[] = {
       {CharacterNodeTransform::kClassId,
        "_objectID _objectName _globalMat _parentGlobalMat _preMultiplyMat"},

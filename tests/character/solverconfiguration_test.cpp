@@ -55,20 +55,6 @@ TEST(CharacterSolverConfiguration, ValidateNeedsBothCharactersButNoAssociation) 
   EXPECT_TRUE(config->Validate());
 }
 
-TEST(CharacterSolverConfiguration, SetupStoresTheGivenObjectsWithoutCopying) {
-  CharacterSolverConfigurationRef config = MakeConfiguration();
-  CharacterDefinitionRef source = MakeDefinition("Source"_s);
-  CharacterDefinitionRef target = MakeDefinition("Target"_s);
-  CharacterAssociationRef association(
-      CreateObject<CharacterAssociation>(CharacterAssociation::kClassId).value());
-  ASSERT_TRUE(config->Setup(source, target, association));
-  EXPECT_EQ(config->GetSourceCharacter().Get(), source.Get());
-  // Dropping the configuration releases what it held.
-  const std::int32_t before = source->GetRefCount();
-  config.Reset();
-  EXPECT_EQ(source->GetRefCount(), before - 1);
-}
-
 TEST(CharacterSolverConfiguration, OneSettingPerIdentifierTheLastWins) {
   CharacterSolverConfigurationRef config = MakeConfiguration();
   CharacterBodyPartSolverSettingRef first = MakeSetting("arm", 0.5);
