@@ -208,10 +208,9 @@ TEST(BvhReader, RejectsBrokenFilesNamingLineAndExpectation) {
     bool part = false;
   };
   const Case cases[] = {
-      // Frame rows beyond the count, and values beyond a double.
+      // Frame rows beyond the count.
       {std::string(kSmall) + "1 2 3 4 5 6 7 8 9 10 11 12\n", 26, "after the last of the 2 frames",
        true},
-      {r("15 16", "15 1e400"), 25, "out of the range of a double: '1e400'", true},
       // Hierarchy numbers: unreadable, missing, non-finite.
       {r("OFFSET 0 5 0", "OFFSET 0 five 0"), 8,
        "expected a number for the OFFSET y of joint 'Spine', found 'five'"},
@@ -220,9 +219,7 @@ TEST(BvhReader, RejectsBrokenFilesNamingLineAndExpectation) {
        true},
       // A missing joint name.
       {r("JOINT Leg", "JOINT  "), 15, "expected a joint name after JOINT"},
-      // Channels: unknown names, counts outside 0..6, too few names, repeats, placement.
-      {r("Zrotation Xrotation Yrotation", "Zrotation Xrot Y"), 9,
-       "expected channel name 2 of 3 of joint 'Spine'", true},
+      // Channels: counts outside 0..6, too few names, repeats, placement.
       {r("CHANNELS 3 Zrotation", "CHANNELS 7 Zrotation"), 9,
        "the number of channels of joint 'Spine' must be between 0 and 6, found 7"},
       {r("CHANNELS 3 Zrotation", "CHANNELS -1 Zrotation"), 9, "between 0 and 6, found -1", true},

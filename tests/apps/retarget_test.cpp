@@ -455,7 +455,7 @@ TEST(RetargetPreset, ShippedPresetsPickEverySkeletonTheyAreMadeFor) {
   }
 }
 
-TEST(RetargetReduction, EvaluatesReducedCurvesAndMeasuresTheirError) {
+TEST(RetargetReduction, EvaluatesReducedCurves) {
   auto key = [](float t, float v, float lx = -1, float ly = -1, float rx = -1, float ry = -1) {
     CurveKey k;
     k.position[0] = t;
@@ -477,17 +477,6 @@ TEST(RetargetReduction, EvaluatesReducedCurvesAndMeasuresTheirError) {
                                        key(1, 1, -1.0f / 3, 0, -1, -1)};
   EXPECT_NEAR(ReducedValueAt(eased, 0.5), 0.5, 1e-9);
   EXPECT_LT(ReducedValueAt(eased, 0.1), 0.1);
-  // The measure compares at the original keys and names the worst curve.
-  CurveFile original, reduced;
-  original.fps = reduced.fps = 1;
-  original.curves = {{"a", {key(0, 0), key(1, 2), key(2, 4)}},
-                     {"b", {key(0, 0), key(1, 3), key(2, 0)}}};
-  reduced.curves = {{"a", {key(0, 0), key(2, 4)}}, {"b", {key(0, 0), key(2, 0)}}};
-  const ReductionMeasure measure = MeasureReduction(original, reduced);
-  EXPECT_EQ(measure.keysIn, 6u);
-  EXPECT_EQ(measure.keysOut, 4u);
-  EXPECT_NEAR(measure.largestError, 3.0, 1e-9);
-  EXPECT_EQ(measure.worstCurve, "b");
 }
 
 TEST(RetargetSetup, ReadsBackWhatItWroteAndSolvesTheSame) {
