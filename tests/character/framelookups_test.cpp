@@ -1,5 +1,5 @@
-// The module-internal shortcuts of a solved frame: poses and nodes copied straight into their new
-// state, and lookups that read the module's own classes without new references. Each must give
+// The module-internal shortcuts of a solved frame: poses copied straight into their new state, and
+// lookups that read the module's own classes without new references. Each must give
 // what the interface calls it replaces give, and leave the caller's objects as they were.
 #include <gtest/gtest.h>
 
@@ -14,22 +14,20 @@
 namespace tarni {
 namespace {
 
-using namespace tarni::literals;
-using ca::CopyNodeWithUuid;
 using ca::CopyPoseWithNodes;
 using ca::PeekAssociatedUuid;
 using ca::PeekBodyPartSetting;
 
-Uuid U(std::uint64_t low) { return Uuid::Make(0, low).value(); }
+using testing::MakePose;
+using testing::NodeArray;
+using testing::U;
+
 std::int32_t Holders(const Object* object) { return object->GetRefCount(); }
 const Object* ObjectOf(const CharacterNodeTransformRef& node) { return node.GetRef().ObjectOf(); }
 
-CharacterNodeTransformRef Node(std::uint64_t low, double x = 0.0) {
-  return CreateNodeTransform(U(low), Matrix{{x, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}}, Matrix{})
-      .value();
+CharacterNodeTransformRef Node(std::uint64_t low) {
+  return CreateNodeTransform(U(low), Matrix{}, Matrix{}).value();
 }
-using testing::MakePose;
-using testing::NodeArray;
 
 TEST(PoseNodes, CopyPoseWithNodesLeavesTheSourcePose) {
   const CharacterNodeTransformRef a = Node(1);
@@ -62,33 +60,6 @@ TEST(PoseNodes, CopyPoseWithNodesLeavesTheSourcePose) {
     // The array was not taken: the caller still holds it.
     ASSERT_EQ(nodes.GetCount(), 1);
     EXPECT_EQ(Holders(ObjectOf(a)), 3);
-  }
-}
-
-TEST(PoseNodes, CopyNodeWithUuidRenamesOnlyTheCopy) {
-  CharacterNodeTransformRef node = Node(1, 4.0);
-  ASSERT_TRUE(node.MakeWritable().value()->SetName("Hand"_s));
-  node.MakeWritable().value()->SetPreMultiplyMatrix(
-      Matrix{{1, 2, 3}, {2, 0, 0}, {0, 2, 0}, {0, 0, 2}});
-  const Uuid renamed = U(9);
-  // The copy has the new Uuid (the very id data given) and everything else of the source; the
-  // source keeps its Uuid and its one holder.
-  {
-    CharacterNodeTransformRef copy = CopyNodeWithUuid(node, renamed).value();
-    EXPECT_FALSE(copy == node);
-    EXPECT_TRUE(copy->GetUuid().SharesData(renamed));
-    EXPECT_EQ(copy->GetPreMultiplyMatrix(), node->GetPreMultiplyMatrix());
-    EXPECT_EQ(Holders(ObjectOf(node)), 1);
-    EXPECT_EQ(Holders(ObjectOf(copy)), 1);
-  }
-  // No memory for the copy: the copy-on-write error.
-  {
-    fault::FailNthAllocation(1);
-    Result<CharacterNodeTransformRef> copy = CopyNodeWithUuid(node, renamed);
-    fault::Disarm();
-    ASSERT_FALSE(copy);
-    EXPECT_TRUE(copy.error().Is(ErrorKind::kNullReference));
-    EXPECT_EQ(copy.error().GetMessage(), "Copy-on-write reference could not be made writable.");
   }
 }
 
