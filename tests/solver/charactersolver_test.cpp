@@ -173,8 +173,7 @@ TEST(CharacterSolver, SolvingModePicksTheRestPoseAndLeavesItUnchanged) {
     Matrix expected = Linear(RigidInverse(turned));
     expected.off = {-1, 0, 0};
     EXPECT_TRUE(MatrixNear(DeltaOf(deltas, 0), expected));
-    // The rest nodes are the same objects with the same matrices.
-    EXPECT_NE(deltas->GetNodeTransformArray()[0].Get(), rest->GetNodeTransformArray()[0].Get());
+    // The rest nodes keep their matrices.
     for (const CharacterPoseRef& pose : {skeleton, controllers}) {
       for (const auto& node : pose->GetNodeTransformArray())
         EXPECT_EQ(node->GetGlobalMatrix(), turned);
@@ -192,7 +191,6 @@ TEST(CharacterSolver, ExtractionFailures) {
     EXPECT_TRUE(refused.error().Is(ErrorKind::kIllegalArgument));
     EXPECT_EQ(refused.error().GetMessage(),
               "Illegal argument: Condition config && sourcePose not fulfilled. ");
-    EXPECT_TRUE(solver->ExtractGlobalDeltaPose(Config(Definition(rest)), nullptr).has_error());
   }
   {
     // No source character, or no rest pose of the chosen kind: the null-reference error.
