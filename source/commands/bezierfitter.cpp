@@ -420,7 +420,8 @@ Result<KeyArray> KeyFitter::Fit(const KeyArray* curve, bool useLockedKeys, bool 
       TARNI_TRY(TakeOver(runKeys, merge));
     }
   }
-  // Keys near the float limits, or a large step over a tiny time, can make a fitted tangent
+  // Values near the float limit, or keys so far apart in time that the unnormalised handles
+  // (which grow with the square of the spacing) leave the float range, make a fitted tangent
   // overflow. No curve with such a tangent can be stored or evaluated, so the curve is turned
   // down rather than handed back broken.
   for (const Key& key : _output) {
