@@ -178,7 +178,8 @@ void UnregisterEntry(const Id& registryId, const Id& entryId) noexcept {
   auto& registries = detail::GetRegistries();
   std::lock_guard lock(registries.mutex);
   for (Int i = 0; i < registries.entries.GetCount(); ++i) {
-    if (registries.entries[i].registryId == registryId && registries.entries[i].entryId == entryId) {
+    if (registries.entries[i].registryId == registryId &&
+        registries.entries[i].entryId == entryId) {
       registries.entries.Erase(i);
       return;
     }

@@ -23,8 +23,9 @@ namespace {
 using detail::ErrorData;
 
 // Stands in when an error object cannot be allocated; never freed.
-ErrorData g_outOfMemoryFallback{{1}, true, ErrorKind::kOutOfMemory, 0, "kernel/src/error.cpp",
-                                "Out of memory.", 14, nullptr, 0};
+ErrorData g_outOfMemoryFallback{
+    {1},     true, ErrorKind::kOutOfMemory, 0, "kernel/src/error.cpp", "Out of memory.", 14,
+    nullptr, 0};
 
 // Error objects are allocated with plain malloc, outside the kernel heap's fault injection: a test
 // that fails the n-th allocation must see the error that failure causes, not a second failure.
@@ -54,14 +55,22 @@ const Error& NoError() noexcept {
 
 Id ErrorKindId(ErrorKind kind) noexcept {
   switch (kind) {
-    case ErrorKind::kOutOfMemory: return Id("net.tarni.error.outofmemory");
-    case ErrorKind::kNullReference: return Id("net.tarni.error.nullptr");
-    case ErrorKind::kIllegalArgument: return Id("net.tarni.error.illegalargument");
-    case ErrorKind::kIllegalState: return Id("net.tarni.error.illegalstate");
-    case ErrorKind::kUnexpected: return Id("net.tarni.error.unexpected");
-    case ErrorKind::kUnresolved: return Id("net.tarni.error.unresolved");
-    case ErrorKind::kUnknown: return Id("net.tarni.error.unknown");
-    case ErrorKind::kAggregated: return Id("net.tarni.object.aggregatederror");
+    case ErrorKind::kOutOfMemory:
+      return Id("net.tarni.error.outofmemory");
+    case ErrorKind::kNullReference:
+      return Id("net.tarni.error.nullptr");
+    case ErrorKind::kIllegalArgument:
+      return Id("net.tarni.error.illegalargument");
+    case ErrorKind::kIllegalState:
+      return Id("net.tarni.error.illegalstate");
+    case ErrorKind::kUnexpected:
+      return Id("net.tarni.error.unexpected");
+    case ErrorKind::kUnresolved:
+      return Id("net.tarni.error.unresolved");
+    case ErrorKind::kUnknown:
+      return Id("net.tarni.error.unknown");
+    case ErrorKind::kAggregated:
+      return Id("net.tarni.object.aggregatederror");
   }
   return Id("net.tarni.error.unknown");
 }
@@ -110,7 +119,8 @@ Error Error::Aggregate(const Error* errors, std::int64_t count, const char* file
   data->aggregated = reinterpret_cast<Error*>(data + 1);
   data->aggregatedCount = count;
   for (std::int64_t i = 0; i < count; ++i) ::new (&data->aggregated[i]) Error(errors[i]);
-  std::string_view first = count > 0 ? errors[0].GetMessage() : std::string_view("Aggregated error.");
+  std::string_view first =
+      count > 0 ? errors[0].GetMessage() : std::string_view("Aggregated error.");
   data->message = count > 0 ? errors[0].GetMessage().data() : "Aggregated error.";
   data->messageLength = first.size();
   return Error(data);

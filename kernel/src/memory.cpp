@@ -29,7 +29,8 @@ bool InjectFault() noexcept {
   if (!g_armed.load(std::memory_order_relaxed)) return false;
   const std::int64_t number = g_count.fetch_add(1, std::memory_order_relaxed) + 1;
   const std::int64_t failAt = g_failAt.load(std::memory_order_relaxed);
-  const bool fail = g_failFrom.load(std::memory_order_relaxed) ? number >= failAt : number == failAt;
+  const bool fail =
+      g_failFrom.load(std::memory_order_relaxed) ? number >= failAt : number == failAt;
   if (fail) g_triggered.store(true, std::memory_order_relaxed);
   return fail;
 }

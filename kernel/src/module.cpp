@@ -9,12 +9,18 @@ namespace tarni {
 
 std::string_view RegistrationKindText(RegistrationKind kind) noexcept {
   switch (kind) {
-    case RegistrationKind::kFramework: return "framework";
-    case RegistrationKind::kReflection: return "reflection";
-    case RegistrationKind::kObjectClass: return "object class";
-    case RegistrationKind::kDataType: return "data type";
-    case RegistrationKind::kCommandClass: return "command class";
-    case RegistrationKind::kCommandDataClass: return "command data class";
+    case RegistrationKind::kFramework:
+      return "framework";
+    case RegistrationKind::kReflection:
+      return "reflection";
+    case RegistrationKind::kObjectClass:
+      return "object class";
+    case RegistrationKind::kDataType:
+      return "data type";
+    case RegistrationKind::kCommandClass:
+      return "command class";
+    case RegistrationKind::kCommandDataClass:
+      return "command data class";
   }
   return "unknown";
 }

@@ -45,14 +45,13 @@ Result<Uuid> Uuid::Generate() noexcept {
       static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()));
   std::uint64_t high = engine();
   std::uint64_t low = engine();
-  high = (high & ~0xF000ull) | 0x4000ull;                  // version 4
-  low = (low & ~(3ull << 62)) | (2ull << 62);              // variant 1
+  high = (high & ~0xF000ull) | 0x4000ull;      // version 4
+  low = (low & ~(3ull << 62)) | (2ull << 62);  // variant 1
   return Make(high, low);
 }
 
 Result<Uuid> Uuid::Parse(std::string_view text) noexcept {
-  if (text.size() == 38 && text.front() == '{' && text.back() == '}')
-    text = text.substr(1, 36);
+  if (text.size() == 38 && text.front() == '{' && text.back() == '}') text = text.substr(1, 36);
   if (text.size() != 36) return IllegalArgumentError("Illegal argument: malformed Uuid text.");
   std::uint64_t words[2] = {0, 0};
   int nibbles = 0;

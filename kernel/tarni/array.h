@@ -122,7 +122,8 @@ class BaseArray {
   }
   // Inserts at `index` (0..count).
   Result<void> Insert(Int index, T value) noexcept {
-    if (index < 0 || index > _count) return IllegalArgumentError("Illegal argument: index out of range.");
+    if (index < 0 || index > _count)
+      return IllegalArgumentError("Illegal argument: index out of range.");
     if (_count == _capacity) TARNI_TRY(Grow(_count + 1));
     ::new (&_data[_count]) T();
     for (Int i = _count; i > index; --i) _data[i] = std::move(_data[i - 1]);

@@ -26,10 +26,10 @@ inline constexpr Id kIdentVoid{"net.tarni.ident_void"};
 template <typename T>
 struct DataTypeOf;
 
-#define TARNI_DATA_TYPE(Type, idText)                       \
-  template <>                                               \
-  struct tarni::DataTypeOf<Type> {                          \
-    static constexpr ::tarni::Id kId{idText};               \
+#define TARNI_DATA_TYPE(Type, idText)         \
+  template <>                                 \
+  struct tarni::DataTypeOf<Type> {            \
+    static constexpr ::tarni::Id kId{idText}; \
   }
 
 template <>
@@ -71,7 +71,7 @@ class Box final : public Object {
   Result<void> CopyFrom(const Object& source) noexcept override {
     const Box* box = Cast<Box>(&source);
     if (box == nullptr) return IllegalArgumentError("Illegal argument: copy from another type.");
-    if constexpr (requires(T& a, const T& b) { a.CopyFrom(b); }) {
+    if constexpr (requires(T & a, const T& b) { a.CopyFrom(b); }) {
       return value.CopyFrom(box->value);
     } else {
       value = box->value;
@@ -234,7 +234,8 @@ class CommandObserverComponent : public Base {
  public:
   static constexpr Id kClassId{"net.tarni.command.class.observer"};
 
-  void SetProgressFunction(CommandObserver::ProgressFunction function, void* user) noexcept override {
+  void SetProgressFunction(CommandObserver::ProgressFunction function,
+                           void* user) noexcept override {
     _progress = function;
     _user = user;
   }

@@ -45,8 +45,8 @@ struct DataTypeOperations {
   void* (*heapCopy)(const void* src) noexcept = nullptr;
   void (*heapFree)(void* value) noexcept = nullptr;
   void (*heapMove)(void** dst, void** src) noexcept = nullptr;
-  void (*toString)(TextBuilder& out, const void* value, const FormatStatement* format) noexcept =
-      nullptr;
+  void (*toString)(TextBuilder& out, const void* value,
+                   const FormatStatement* format) noexcept = nullptr;
   bool (*isEqual)(const void* a, const void* b) noexcept = nullptr;
   CompareResult (*compare)(const void* a, const void* b) noexcept = nullptr;
   std::uint64_t (*getHashCode)(const void* value) noexcept = nullptr;

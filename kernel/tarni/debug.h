@@ -23,7 +23,8 @@ void SetDebugSink(DebugSink sink, void* user) noexcept;
 // debuggers' output windows make clickable.
 void DebugOutput(DebugLevel level, std::string_view message, const char* file = __builtin_FILE(),
                  int line = __builtin_LINE()) noexcept;
-// A critical line, then a break into the debugger when one is attached and g_enableDebugBreak is on.
+// A critical line, then a break into the debugger when one is attached and g_enableDebugBreak is
+// on.
 void DebugStop(std::string_view message, const char* file = __builtin_FILE(),
                int line = __builtin_LINE()) noexcept;
 bool IsDebuggerAttached() noexcept;

@@ -13,9 +13,9 @@ namespace tarni {
 
 enum DescribeFlags : std::uint32_t {
   kDescribeNone = 0,
-  kDescribeArray = 2048,      // a BaseArray of `type`
-  kDescribeMap = 4096,        // a HashMap from `keyType` to `type`
-  kDescribeReference = 8192,  // a reference to an object with interface `type`
+  kDescribeArray = 2048,         // a BaseArray of `type`
+  kDescribeMap = 4096,           // a HashMap from `keyType` to `type`
+  kDescribeReference = 8192,     // a reference to an object with interface `type`
   kDescribeCopyOnWrite = 16384,  // with kDescribeReference: a copy-on-write reference
 };
 
@@ -38,7 +38,7 @@ struct MemberDescription {
   std::string_view name;
   Id type;
   std::uint32_t flags = kDescribeNone;
-  Id keyType;             // maps only
+  Id keyType;               // maps only
   void* address = nullptr;  // the member in the described instance; null for class descriptions
 };
 

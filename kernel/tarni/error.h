@@ -68,8 +68,8 @@ class Error {
   static Error MakeCopy(ErrorKind kind, std::string_view message,
                         const char* file = __builtin_FILE(), int line = __builtin_LINE()) noexcept;
   // An aggregated error holding copies of `count` errors (kind kAggregated, message of the first).
-  static Error Aggregate(const Error* errors, std::int64_t count, const char* file = __builtin_FILE(),
-                         int line = __builtin_LINE()) noexcept;
+  static Error Aggregate(const Error* errors, std::int64_t count,
+                         const char* file = __builtin_FILE(), int line = __builtin_LINE()) noexcept;
 
   explicit operator bool() const noexcept { return _data != nullptr; }
   bool IsError() const noexcept { return _data != nullptr; }

@@ -25,7 +25,8 @@ inline constexpr std::string_view kNullReferenceText = "nullptr";
 inline constexpr std::string_view kTrueText = "true";
 inline constexpr std::string_view kFalseText = "false";
 
-void AppendFloat64(TextBuilder& out, double value, const FormatStatement* format = nullptr) noexcept;
+void AppendFloat64(TextBuilder& out, double value,
+                   const FormatStatement* format = nullptr) noexcept;
 void AppendFloat32(TextBuilder& out, float value, const FormatStatement* format = nullptr) noexcept;
 inline void AppendBool(TextBuilder& out, bool value) noexcept {
   out.Append(value ? kTrueText : kFalseText);

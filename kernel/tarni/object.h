@@ -263,7 +263,8 @@ void* QueryOne(Self* self, const Id& interfaceId) noexcept {
 }
 
 template <typename Self>
-concept ClonesByCopyConstructor = Self::kCloneByCopyConstructor && std::is_copy_constructible_v<Self>;
+concept ClonesByCopyConstructor =
+    Self::kCloneByCopyConstructor && std::is_copy_constructible_v<Self>;
 
 // The one copy-construct of every class: default construction, Init and CopyFrom. A class whose
 // members are all plain values and shared references, for which the C++ copy constructor does
@@ -301,12 +302,12 @@ const Self* SameClass(const Object& source) noexcept {
 //   TARNI_IMPLEMENTS(CharacterTreeImpl, CharacterTree)
 // The listed interfaces answer QueryInterface, with every interface they extend and the object's.
 #define TARNI_IMPLEMENTS(Self, ...)                                                               \
- public:                                                                                         \
-  void* QueryInterface(const ::tarni::Id& interfaceId) noexcept override {                      \
+ public:                                                                                          \
+  void* QueryInterface(const ::tarni::Id& interfaceId) noexcept override {                        \
     if (interfaceId == ::tarni::Object::kInterfaceId) return static_cast<::tarni::Object*>(this); \
-    return ::tarni::detail::QueryList<Self>(this, interfaceId,                                   \
-                                            ::tarni::InterfaceList<__VA_ARGS__>{});             \
-  }                                                                                              \
-  ::tarni::Result<::tarni::Ref<::tarni::Object>> Clone() const noexcept override {               \
-    return ::tarni::detail::CloneObject<Self>(*this);                                            \
+    return ::tarni::detail::QueryList<Self>(this, interfaceId,                                    \
+                                            ::tarni::InterfaceList<__VA_ARGS__>{});               \
+  }                                                                                               \
+  ::tarni::Result<::tarni::Ref<::tarni::Object>> Clone() const noexcept override {                \
+    return ::tarni::detail::CloneObject<Self>(*this);                                             \
   }

@@ -23,16 +23,16 @@ class [[nodiscard]] Result {
  public:
   using ValueType = T;
 
-  template <typename U = T,
-            typename = std::enable_if_t<std::is_constructible_v<T, U&&> &&
-                                        !std::is_same_v<std::decay_t<U>, Result> &&
-                                        !std::is_same_v<std::decay_t<U>, Error>>>
+  template <typename U = T, typename = std::enable_if_t<std::is_constructible_v<T, U&&> &&
+                                                        !std::is_same_v<std::decay_t<U>, Result> &&
+                                                        !std::is_same_v<std::decay_t<U>, Error>>>
   Result(U&& value) noexcept : _hasValue(true) {  // NOLINT: implicit by design
     ::new (&_value) T(std::forward<U>(value));
   }
   // An error without a value.
   Result(Error error) noexcept : _error(std::move(error)) {}  // NOLINT: implicit by design
-  // A value together with its error (e.g. the identity matrix returned with an illegal-state error).
+  // A value together with its error (e.g. the identity matrix returned with an illegal-state
+  // error).
   Result(T value, Error error) noexcept : _hasValue(true), _error(std::move(error)) {
     ::new (&_value) T(std::move(value));
   }
@@ -98,7 +98,7 @@ template <>
 class [[nodiscard]] Result<void> {
  public:
   using ValueType = void;
-  Result(OkType) noexcept {}  // NOLINT: implicit by design
+  Result(OkType) noexcept {}                                  // NOLINT: implicit by design
   Result(Error error) noexcept : _error(std::move(error)) {}  // NOLINT: implicit by design
   template <typename U>
   Result(const Result<U>& other) noexcept : _error(other.error()) {}  // NOLINT: drops the value
@@ -124,44 +124,43 @@ inline void TryValue(Result<void>&&) noexcept {}
 
 // Evaluates a Result expression; on error returns the error from the enclosing function, otherwise
 // yields the value (nothing for Result<void>).
-#define TARNI_TRY(...)                                                   \
-  ({                                                                     \
-    auto tarniTryResult_ = (__VA_ARGS__);                                \
-    if (!tarniTryResult_) return std::move(tarniTryResult_).error();     \
-    ::tarni::detail::TryValue(std::move(tarniTryResult_));               \
+#define TARNI_TRY(...)                                               \
+  ({                                                                 \
+    auto tarniTryResult_ = (__VA_ARGS__);                            \
+    if (!tarniTryResult_) return std::move(tarniTryResult_).error(); \
+    ::tarni::detail::TryValue(std::move(tarniTryResult_));           \
   })
 
 // Preconditions. The message is built from the tested expression at compile time:
 // TARNI_CHECK_ARGUMENT(config && sourcePose) fails with
 // "Illegal argument: Condition config && sourcePose not fulfilled. ".
-#define TARNI_CHECK_ARGUMENT(condition)                                                       \
-  do {                                                                                        \
-    if (!(condition))                                                                         \
-      return ::tarni::IllegalArgumentError("Illegal argument: Condition " #condition          \
-                                           " not fulfilled. ",                                \
-                                           __FILE__, __LINE__);                               \
+#define TARNI_CHECK_ARGUMENT(condition)                                                      \
+  do {                                                                                       \
+    if (!(condition))                                                                        \
+      return ::tarni::IllegalArgumentError(                                                  \
+          "Illegal argument: Condition " #condition " not fulfilled. ", __FILE__, __LINE__); \
   } while (false)
 
-#define TARNI_CHECK_STATE(condition)                                                             \
-  do {                                                                                           \
-    if (!(condition))                                                                            \
+#define TARNI_CHECK_STATE(condition)                                                               \
+  do {                                                                                             \
+    if (!(condition))                                                                              \
       return ::tarni::IllegalStateError("Illegal state: Condition " #condition " not fulfilled. ", \
-                                        __FILE__, __LINE__);                                     \
+                                        __FILE__, __LINE__);                                       \
   } while (false)
 
 // As above, for results that return a defined value together with the error.
-#define TARNI_CHECK_ARGUMENT_WITH(condition, value)                                          \
-  do {                                                                                       \
-    if (!(condition))                                                                        \
+#define TARNI_CHECK_ARGUMENT_WITH(condition, value)                                            \
+  do {                                                                                         \
+    if (!(condition))                                                                          \
       return {(value), ::tarni::IllegalArgumentError("Illegal argument: Condition " #condition \
-                                                     " not fulfilled. ",                     \
-                                                     __FILE__, __LINE__)};                   \
+                                                     " not fulfilled. ",                       \
+                                                     __FILE__, __LINE__)};                     \
   } while (false)
 
-#define TARNI_CHECK_STATE_WITH(condition, value)                                                 \
-  do {                                                                                           \
-    if (!(condition))                                                                            \
-      return {(value), ::tarni::IllegalStateError("Illegal state: Condition " #condition           \
-                                                  " not fulfilled. ",                            \
-                                                  __FILE__, __LINE__)};                          \
+#define TARNI_CHECK_STATE_WITH(condition, value)                                                   \
+  do {                                                                                             \
+    if (!(condition))                                                                              \
+      return {(value),                                                                             \
+              ::tarni::IllegalStateError(                                                          \
+                  "Illegal state: Condition " #condition " not fulfilled. ", __FILE__, __LINE__)}; \
   } while (false)

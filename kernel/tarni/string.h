@@ -25,7 +25,8 @@ class String {
       : _text(other._text), _length(other._length), _buffer(other._buffer) {
     if (_buffer != nullptr) Retain(_buffer);
   }
-  String(String&& other) noexcept : _text(other._text), _length(other._length), _buffer(other._buffer) {
+  String(String&& other) noexcept
+      : _text(other._text), _length(other._length), _buffer(other._buffer) {
     other._text = "";
     other._length = 0;
     other._buffer = nullptr;
@@ -97,7 +98,9 @@ class TextBuilder {
   // Decimal integer.
   TextBuilder& AppendInt(std::int64_t value) noexcept;
 
-  std::string_view GetView() const noexcept { return {_data ? _data : "", static_cast<std::size_t>(_size)}; }
+  std::string_view GetView() const noexcept {
+    return {_data ? _data : "", static_cast<std::size_t>(_size)};
+  }
   // The collected text as a String (the empty string when even that copy cannot be made).
   String ToString() const noexcept;
 

@@ -72,9 +72,15 @@ class CharacterNodeTransformImpl final : public NodeInfoComponent<CharacterNodeT
     TARNI_TRY(DescribeNodeInfo(describer, self));
     TARNI_TRY(describer.Member(
         {"_globalMat", types::kMatrix, kDescribeNone, {}, self ? &self->_globalMat : nullptr}));
-    TARNI_TRY(describer.Member({"_parentGlobalMat", types::kMatrix, kDescribeNone, {},
+    TARNI_TRY(describer.Member({"_parentGlobalMat",
+                                types::kMatrix,
+                                kDescribeNone,
+                                {},
                                 self ? &self->_parentGlobalMat : nullptr}));
-    return describer.Member({"_preMultiplyMat", types::kMatrix, kDescribeNone, {},
+    return describer.Member({"_preMultiplyMat",
+                             types::kMatrix,
+                             kDescribeNone,
+                             {},
                              self ? &self->_preMultiplyMat : nullptr});
   }
 

@@ -50,8 +50,8 @@ class NodeInfoComponent : public Base {
   }
   // Members "_objectID" (Uuid) and "_objectName" (String), in that order.
   static Result<void> DescribeNodeInfo(Describer& describer, NodeInfoComponent* self) noexcept {
-    TARNI_TRY(describer.Member({"_objectID", types::kUuid, kDescribeNone, {},
-                                self ? &self->_objectID : nullptr}));
+    TARNI_TRY(describer.Member(
+        {"_objectID", types::kUuid, kDescribeNone, {}, self ? &self->_objectID : nullptr}));
     return describer.Member(
         {"_objectName", types::kString, kDescribeNone, {}, self ? &self->_objectName : nullptr});
   }

@@ -1,16 +1,16 @@
 // The module's registration list: what it publishes, in the fixed order the units run at load.
 // The list is data (g_tarni.registrations) so hosts and tests can read it.
 #include "module/units.h"
-#include "tarni/characternodetransform.h"
-#include "tarni/charactersolver.h"
-#include "tarni/retargetbasehelper.h"
-#include "tarni/charactersolverconfiguration.h"
 #include "tarni/characterassociation.h"
-#include "tarni/characterbodypartsolversetting.h"
 #include "tarni/characterbodypart.h"
+#include "tarni/characterbodypartsolversetting.h"
 #include "tarni/characterdefinition.h"
+#include "tarni/characternodetransform.h"
 #include "tarni/characterpose.h"
+#include "tarni/charactersolver.h"
+#include "tarni/charactersolverconfiguration.h"
 #include "tarni/charactertree.h"
+#include "tarni/retargetbasehelper.h"
 
 namespace tarni::ca {
 namespace {
@@ -78,8 +78,8 @@ constexpr Registration kRegistrations[] = {
     TARNI_COMMAND_CLASS(Id("net.tarni.command.animation.timeline.reducedmodificationcurve"),
                         kReducedModificationCurveClass, "ReducedModificationCurveCommand",
                         "reducedmodificationcurve"),
-    TARNI_COMMAND_CLASS(Id("net.tarni.command.animation.timeline.bezierfitter"),
-                        kBezierFitterClass, "BezierFitterCommand", "bezierfitter"),
+    TARNI_COMMAND_CLASS(Id("net.tarni.command.animation.timeline.bezierfitter"), kBezierFitterClass,
+                        "BezierFitterCommand", "bezierfitter"),
     TARNI_COMMAND_DATA_CLASS(Id("net.tarni.command.animation"), kAnimationDataClass,
                              "AnimationDataImpl", "animationdata_impl"),
     Registration{kReflection, Id(".reflection"), "[reflection registration]", "reflection", nullptr,

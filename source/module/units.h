@@ -78,8 +78,8 @@ extern const ClassRecord kCharacterBodyPartClass;       // characterbodypart_imp
 // The body part's unit registers its class and its attribute-transfer-mode data type.
 Result<void> RegisterCharacterBodyPartUnit() noexcept;
 void UnregisterCharacterBodyPartUnit() noexcept;
-extern const ClassRecord kCharacterAssociationClass;    // characterassociation_impl
-extern const ClassRecord kRetargetBaseHelperClass;      // retargetbasehelper_impl
+extern const ClassRecord kCharacterAssociationClass;  // characterassociation_impl
+extern const ClassRecord kRetargetBaseHelperClass;    // retargetbasehelper_impl
 extern const ClassRecord
     kCharacterBodyPartSolverSettingClass;                     // characterbodypartsolversetting_impl
 extern const ClassRecord kCharacterDefinitionClass;           // characterdefinition_impl
