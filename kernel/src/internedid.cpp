@@ -8,19 +8,12 @@
 #include "tarni/memory.h"
 
 namespace tarni {
-namespace detail {
-struct InternedData {
-  std::uint64_t hashWord;
-  std::size_t length;
-  // The characters follow, NUL-terminated.
-  const char* Text() const noexcept { return reinterpret_cast<const char*>(this + 1); }
-};
-}  // namespace detail
-
 namespace {
 // Keys are views into the immortal entries themselves.
 struct ViewHasher {
-  std::uint64_t operator()(std::string_view text) const noexcept { return IdHashWord(text) ^ PolynomialHash(text); }
+  std::uint64_t operator()(std::string_view text) const noexcept {
+    return IdHashWord(text) ^ PolynomialHash(text);
+  }
 };
 
 struct InternTable {
@@ -64,8 +57,6 @@ Result<InternedId> InternedId::Make(std::string_view text) noexcept {
 std::string_view InternedId::GetText() const noexcept {
   return _data ? std::string_view(_data->Text(), _data->length) : std::string_view();
 }
-
-std::uint64_t InternedId::GetHashWord() const noexcept { return _data ? _data->hashWord : 0; }
 
 String InternedId::ToString(const FormatStatement*) const noexcept {
   auto made = String::Make(GetText());

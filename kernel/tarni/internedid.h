@@ -3,6 +3,7 @@
 // uses is small, and immortal entries keep copies free of reference counting.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -13,8 +14,14 @@
 namespace tarni {
 
 namespace detail {
-struct InternedData;
-}
+// The interned entry: its hash word and length, then the characters, NUL-terminated. Visible here
+// so that the hash word, which every table lookup by identifier reads, is read inline.
+struct InternedData {
+  std::uint64_t hashWord;
+  std::size_t length;
+  const char* Text() const noexcept { return reinterpret_cast<const char*>(this + 1); }
+};
+}  // namespace detail
 
 class InternedId {
  public:
@@ -28,7 +35,7 @@ class InternedId {
   bool IsEmpty() const noexcept { return _data == nullptr; }
   std::string_view GetText() const noexcept;
   // The id hash word of the text (see id.h).
-  std::uint64_t GetHashWord() const noexcept;
+  std::uint64_t GetHashWord() const noexcept { return _data ? _data->hashWord : 0; }
 
   // The same interned object.
   bool operator==(const InternedId& other) const noexcept { return _data == other._data; }

@@ -60,10 +60,16 @@ class Uuid {
   bool operator==(const Uuid& other) const noexcept {
     return _data == other._data || (GetHigh() == other.GetHigh() && GetLow() == other.GetLow());
   }
+  // Every bit of the value reaches the low bits, which is where tables take their slot from:
+  // Uuids made from counters differ only in a few low bits of one word, and a plain product
+  // would send them into a handful of slots.
   std::uint64_t GetHashCode() const noexcept {
     std::uint64_t h = GetHigh() ^ (GetLow() * 0x9E3779B97F4A7C15ull);
-    h ^= h >> 31;
-    return h * 0xBF58476D1CE4E5B9ull;
+    h ^= h >> 30;
+    h *= 0xBF58476D1CE4E5B9ull;
+    h ^= h >> 27;
+    h *= 0x94D049BB133111EBull;
+    return h ^ (h >> 31);
   }
 
   void AppendText(TextBuilder& out, const FormatStatement* format = nullptr) const noexcept;

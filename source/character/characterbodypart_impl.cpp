@@ -1,6 +1,8 @@
 #include <cstdint>
 #include <cstring>
+#include <typeinfo>
 
+#include "character/lookups.h"
 #include "character/nodeinfocomponent.h"
 #include "module/units.h"
 #include "tarni/bitset.h"
@@ -348,6 +350,25 @@ const StaticFunction kStatics[] = {
 };
 
 }  // namespace
+
+BodyPartLink BodyPartLinkOf(const CharacterBodyPart& part) noexcept {
+  // The class is final: an equal type is exactly this class, whose members are read without the
+  // virtual calls.
+  if (typeid(part) != typeid(CharacterBodyPartImpl)) {
+    const HierarchyObject* parent = part.GetParent();
+    return {&part.GetIdentifier(),
+            parent ? Cast<CharacterBodyPart>(static_cast<const Object*>(parent)) : nullptr};
+  }
+  const auto& own = static_cast<const CharacterBodyPartImpl&>(part);
+  const HierarchyObject* parent = own.GetParent();
+  if (parent == nullptr) return {&own.GetIdentifier(), nullptr};
+  // A parent of this class is found from its most derived object, which the cast to void gives
+  // without the search through the interface list.
+  if (typeid(*parent) == typeid(CharacterBodyPartImpl))
+    return {&own.GetIdentifier(),
+            static_cast<const CharacterBodyPartImpl*>(dynamic_cast<const void*>(parent))};
+  return {&own.GetIdentifier(), Cast<CharacterBodyPart>(static_cast<const Object*>(parent))};
+}
 
 const ClassRecord kCharacterBodyPartClass{CharacterBodyPart::kClassId,
                                           "CharacterBodyPartImpl",

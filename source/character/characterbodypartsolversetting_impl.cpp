@@ -1,3 +1,6 @@
+#include <typeinfo>
+
+#include "character/lookups.h"
 #include "module/units.h"
 #include "tarni/bitset.h"
 #include "tarni/characterbodypartsolversetting.h"
@@ -67,6 +70,11 @@ class CharacterBodyPartSolverSettingImpl final : public CharacterBodyPartSolverS
 
   void SetBodyPartWeight(Float64 weight) noexcept override { _weight = weight; }
   Float64 GetBodyPartWeight() const noexcept override { return _weight; }
+  // GetBodyPartWeight and GetSettingValue(NOPARENTWEIGHT) without the virtual calls.
+  BodyPartWeight GetWeightAndLast() const noexcept {
+    return {_weight,
+            _settings.Get(static_cast<std::uint64_t>(BodyPartSolverSettingFlag::NOPARENTWEIGHT))};
+  }
 
   void SetSettingValue(BodyPartSolverSettingFlag flag, bool value) noexcept override {
     _settings.Set(static_cast<std::uint64_t>(flag), value);
@@ -175,6 +183,14 @@ const StaticFunction kStatics[] = {
 };
 
 }  // namespace
+
+BodyPartWeight BodyPartWeightOf(const CharacterBodyPartSolverSetting& setting) noexcept {
+  // The class is final: an equal type is exactly this class.
+  if (typeid(setting) == typeid(CharacterBodyPartSolverSettingImpl))
+    return static_cast<const CharacterBodyPartSolverSettingImpl&>(setting).GetWeightAndLast();
+  return {setting.GetBodyPartWeight(),
+          setting.GetSettingValue(BodyPartSolverSettingFlag::NOPARENTWEIGHT)};
+}
 
 const ClassRecord kCharacterBodyPartSolverSettingClass{
     CharacterBodyPartSolverSetting::kClassId,

@@ -4,6 +4,8 @@
 #pragma once
 
 #include "tarni/characterassociation.h"
+#include "tarni/characterbodypart.h"
+#include "tarni/characterbodypartsolversetting.h"
 #include "tarni/characterpose.h"
 #include "tarni/charactersolverconfiguration.h"
 
@@ -55,5 +57,23 @@ Result<const Uuid*> PeekAssociatedUuid(const CharacterAssociation& association, 
 const CharacterBodyPartSolverSetting* PeekBodyPartSetting(
     const CharacterSolverConfiguration& config, const InternedId& identifier,
     CharacterBodyPartSolverSettingRef& holder) noexcept;
+
+// What GetCumulatedWeight reads of one body part's setting: GetBodyPartWeight, and whether the
+// walk up the parents ends there (GetSettingValue(NOPARENTWEIGHT)). This module's own setting class
+// is read without the virtual calls.
+struct BodyPartWeight {
+  Float64 weight;
+  bool last;
+};
+BodyPartWeight BodyPartWeightOf(const CharacterBodyPartSolverSetting& setting) noexcept;
+
+// What GetCumulatedWeight reads of one body part: GetIdentifier, and the parent as a body part
+// (null at the root, or when the parent is not a body part). This module's own body-part class is
+// read without the virtual calls.
+struct BodyPartLink {
+  const InternedId* identifier;
+  const CharacterBodyPart* parent;
+};
+BodyPartLink BodyPartLinkOf(const CharacterBodyPart& part) noexcept;
 
 }  // namespace tarni::ca

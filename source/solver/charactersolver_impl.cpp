@@ -283,18 +283,14 @@ class CharacterSolverImpl final : public CharacterSolver {
         product = TARNI_TRY(GetCumulatedWeight(rest, solverConfig));
         break;
       }
+      const BodyPartLink link = BodyPartLinkOf(*part);
       CharacterBodyPartSolverSettingRef holder;
       const CharacterBodyPartSolverSetting* setting =
-          PeekBodyPartSetting(*solverConfig, part->GetIdentifier(), holder);
-      Float64 weight = 1.0;
-      bool last = false;
-      if (setting) {
-        weight = setting->GetBodyPartWeight();
-        last = setting->GetSettingValue(BodyPartSolverSettingFlag::NOPARENTWEIGHT);
-      }
-      weights[depth++] = weight;
-      const HierarchyObject* parent = last ? nullptr : part->GetParent();
-      part = parent ? Cast<CharacterBodyPart>(static_cast<const Object*>(parent)) : nullptr;
+          PeekBodyPartSetting(*solverConfig, *link.identifier, holder);
+      const BodyPartWeight weight =
+          setting ? BodyPartWeightOf(*setting) : BodyPartWeight{1.0, false};
+      weights[depth++] = weight.weight;
+      part = weight.last ? nullptr : link.parent;
     }
     while (depth > 0) product = weights[--depth] * product;
     return product;
