@@ -30,7 +30,8 @@ class CharacterPoseImpl final : public CharacterPose {
     // An empty slot stands for a node whose id is the empty Uuid, so looking up the empty id can
     // hit it; Uuid equality covers both shared id data and equal 128-bit values.
     const CharacterNodeTransformRef* found = FindFirstNode(_nodeTransforms, Index(), id);
-    return found ? *found : CharacterNodeTransformRef();
+    if (found == nullptr) return CharacterNodeTransformRef();
+    return *found;
   }
 
   // The first-match index of the node array, made at the first lookup once the pose has

@@ -70,7 +70,8 @@ class CharacterSolverConfigurationImpl final : public CharacterSolverConfigurati
   CharacterBodyPartSolverSettingRef GetBodyPartSetting(
       const InternedId& identifier) const noexcept override {
     const CharacterBodyPartSolverSettingRef* found = FindBodyPartSetting(identifier);
-    return found ? *found : CharacterBodyPartSolverSettingRef();
+    if (found == nullptr) return CharacterBodyPartSolverSettingRef();
+    return *found;
   }
   // The stored reference for `identifier`, or null (see PeekBodyPartSetting).
   const CharacterBodyPartSolverSettingRef* FindBodyPartSetting(
