@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/samplecharacter.h"
+#include "tarni/charactertree.h"
 
 namespace tarni {
 namespace {
@@ -352,6 +353,10 @@ TEST(CharacterSolver, CumulatedWeightMultipliesUpToNoParentWeight) {
     // Without any setting every body part counts 1.0; a detached body part stands alone.
     EXPECT_EQ(solver->GetCumulatedWeight(d, Config(nullptr)).value(), 1.0);
     ASSERT_TRUE(d->Remove());
+    EXPECT_EQ(weightOf(d), 0.25);
+    // A parent that is not a body part ends the walk as the root does.
+    CharacterTreeRef tree = CreateObject<CharacterTree>(CharacterTree::kClassId).value();
+    ASSERT_TRUE(tree->InsertChild(d));
     EXPECT_EQ(weightOf(d), 0.25);
   }
   {
