@@ -28,7 +28,7 @@ out="$(cd "$out" && pwd)"
 
 echo "== building tarni-ca and the comparison driver (Release) in $build"
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER=g++ \
-  -DTARNI_BUILD_TESTS=OFF -DTARNI_BUILD_BENCH=ON > "$out/configure.log"
+  -DTARNI_BUILD_TESTS=OFF -DTARNI_BUILD_BENCH=ON -DTARNI_NATIVE_ARCH=ON > "$out/configure.log"
 cmake --build "$build" --target tarni-ca bench_peers_driver > "$out/build.log"
 
 echo "== installing the pinned peer packages"

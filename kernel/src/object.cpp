@@ -5,8 +5,6 @@
 
 namespace tarni {
 
-Object::~Object() = default;
-
 void* Object::QueryInterface(const Id& interfaceId) noexcept {
   return interfaceId == kInterfaceId ? this : nullptr;
 }

@@ -79,7 +79,8 @@ class Object {
   // A copy starts unshared and belongs to no class until its creator says so.
   Object(const Object&) noexcept {}
   Object& operator=(const Object&) noexcept { return *this; }
-  virtual ~Object();
+  // Inline, so that releasing an object costs no call into the kernel library for this base.
+  virtual ~Object() = default;
 
  private:
   template <typename T>
