@@ -34,6 +34,7 @@ Result<Uuid> Uuid::Make(std::uint64_t high, std::uint64_t low) noexcept {
   data->refs.store(1, std::memory_order_relaxed);
   data->high = high;
   data->low = low;
+  data->hash = detail::HashOf(high, low);
   Uuid uuid;
   uuid._data = data;
   return uuid;

@@ -20,7 +20,20 @@ struct UuidData {
   std::atomic<std::int32_t> refs;
   std::uint64_t high;
   std::uint64_t low;
+  // HashOf(high, low), taken once when the data is made: every table lookup asks for it.
+  std::uint64_t hash;
 };
+// Every bit of the value reaches the low bits, which is where tables take their slot from: Uuids
+// made from counters differ only in a few low bits of one word, and a plain product would send
+// them into a handful of slots.
+constexpr std::uint64_t HashOf(std::uint64_t high, std::uint64_t low) noexcept {
+  std::uint64_t h = high ^ (low * 0x9E3779B97F4A7C15ull);
+  h ^= h >> 30;
+  h *= 0xBF58476D1CE4E5B9ull;
+  h ^= h >> 27;
+  h *= 0x94D049BB133111EBull;
+  return h ^ (h >> 31);
+}
 // Frees id data whose last reference is gone.
 void FreeUuidData(UuidData* data) noexcept;
 }  // namespace detail
@@ -60,17 +73,8 @@ class Uuid {
   bool operator==(const Uuid& other) const noexcept {
     return _data == other._data || (GetHigh() == other.GetHigh() && GetLow() == other.GetLow());
   }
-  // Every bit of the value reaches the low bits, which is where tables take their slot from:
-  // Uuids made from counters differ only in a few low bits of one word, and a plain product
-  // would send them into a handful of slots.
-  std::uint64_t GetHashCode() const noexcept {
-    std::uint64_t h = GetHigh() ^ (GetLow() * 0x9E3779B97F4A7C15ull);
-    h ^= h >> 30;
-    h *= 0xBF58476D1CE4E5B9ull;
-    h ^= h >> 27;
-    h *= 0x94D049BB133111EBull;
-    return h ^ (h >> 31);
-  }
+  // The hash of the 128-bit value (equal values hash alike, with or without shared data).
+  std::uint64_t GetHashCode() const noexcept { return _data ? _data->hash : kNilHash; }
 
   void AppendText(TextBuilder& out, const FormatStatement* format = nullptr) const noexcept;
   String ToString(const FormatStatement* format = nullptr) const noexcept;
@@ -83,6 +87,7 @@ class Uuid {
     if (data != nullptr && data->refs.fetch_sub(1, std::memory_order_acq_rel) == 1)
       detail::FreeUuidData(data);
   }
+  static constexpr std::uint64_t kNilHash = detail::HashOf(0, 0);
   detail::UuidData* _data = nullptr;
 };
 

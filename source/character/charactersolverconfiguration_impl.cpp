@@ -73,6 +73,8 @@ class CharacterSolverConfigurationImpl final : public CharacterSolverConfigurati
     if (found == nullptr) return CharacterBodyPartSolverSettingRef();
     return *found;
   }
+  // The table itself (see OwnBodyPartSettings).
+  const BodyPartSettingTable& BodyPartSettings() const noexcept { return _bpSettings; }
   // The stored reference for `identifier`, or null (see PeekBodyPartSetting).
   const CharacterBodyPartSolverSettingRef* FindBodyPartSetting(
       const InternedId& identifier) const noexcept {
@@ -178,6 +180,13 @@ const StaticFunction kStatics[] = {
 };
 
 }  // namespace
+
+const BodyPartSettingTable* OwnBodyPartSettings(
+    const CharacterSolverConfiguration& config) noexcept {
+  // The class is final: an equal type is exactly this class.
+  if (typeid(config) != typeid(CharacterSolverConfigurationImpl)) return nullptr;
+  return &static_cast<const CharacterSolverConfigurationImpl&>(config).BodyPartSettings();
+}
 
 const CharacterBodyPartSolverSetting* PeekBodyPartSetting(
     const CharacterSolverConfiguration& config, const InternedId& identifier,

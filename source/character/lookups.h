@@ -8,6 +8,7 @@
 #include "tarni/characterbodypartsolversetting.h"
 #include "tarni/characterpose.h"
 #include "tarni/charactersolverconfiguration.h"
+#include "tarni/hashmap.h"
 
 namespace tarni::ca {
 
@@ -57,6 +58,13 @@ Result<const Uuid*> PeekAssociatedUuid(const CharacterAssociation& association, 
 const CharacterBodyPartSolverSetting* PeekBodyPartSetting(
     const CharacterSolverConfiguration& config, const InternedId& identifier,
     CharacterBodyPartSolverSettingRef& holder) noexcept;
+
+// The settings table of this module's own configuration class, keyed by body-part identifier, or
+// null for configurations of other classes (which PeekBodyPartSetting serves). Valid while the
+// configuration is neither changed nor released; a walk up the body parts resolves it once.
+using BodyPartSettingTable = HashMap<InternedId, CharacterBodyPartSolverSettingRef>;
+const BodyPartSettingTable* OwnBodyPartSettings(
+    const CharacterSolverConfiguration& config) noexcept;
 
 // What GetCumulatedWeight reads of one body part's setting: GetBodyPartWeight, and whether the
 // walk up the parents ends there (GetSettingValue(NOPARENTWEIGHT)). This module's own setting class

@@ -277,6 +277,10 @@ class CharacterSolverImpl final : public CharacterSolver {
     Float64 weights[kMaxUnrolledDepth];
     Int depth = 0;
     Float64 product = 1.0;
+    // This module's configuration class is searched directly; `holder` keeps a setting of
+    // another class alive until the next step.
+    const BodyPartSettingTable* table = OwnBodyPartSettings(*solverConfig);
+    CharacterBodyPartSolverSettingRef holder;
     for (const CharacterBodyPart* part = bodyPart.Get(); part != nullptr;) {
       if (depth == kMaxUnrolledDepth) {
         const CharacterBodyPartRef rest(const_cast<CharacterBodyPart*>(part));
@@ -284,9 +288,13 @@ class CharacterSolverImpl final : public CharacterSolver {
         break;
       }
       const BodyPartLink link = BodyPartLinkOf(*part);
-      CharacterBodyPartSolverSettingRef holder;
-      const CharacterBodyPartSolverSetting* setting =
-          PeekBodyPartSetting(*solverConfig, *link.identifier, holder);
+      const CharacterBodyPartSolverSetting* setting;
+      if (table != nullptr) {
+        const CharacterBodyPartSolverSettingRef* found = table->Find(*link.identifier);
+        setting = found != nullptr ? found->Get() : nullptr;
+      } else {
+        setting = PeekBodyPartSetting(*solverConfig, *link.identifier, holder);
+      }
       const BodyPartWeight weight =
           setting ? BodyPartWeightOf(*setting) : BodyPartWeight{1.0, false};
       weights[depth++] = weight.weight;
