@@ -87,6 +87,8 @@ class CharacterAssociationImpl final : public CharacterAssociation {
 
   // The stored value for `key`, or null (see PeekAssociatedUuid).
   const Uuid* FindAssociatedUuid(const Uuid& key) const noexcept { return _uuidAssTable.Find(key); }
+  // The table itself (see OwnUuidAssociations).
+  const UuidAssociationTable& UuidAssociations() const noexcept { return _uuidAssTable; }
 
   Result<void> AssociateId(const InternedId& source, const InternedId& target) noexcept override {
     if (source.IsEmpty() || target.IsEmpty()) return IllegalArgumentError(kInvalidKeyMessage);
@@ -137,6 +139,12 @@ const StaticFunction kStatics[] = {
 };
 
 }  // namespace
+
+const UuidAssociationTable* OwnUuidAssociations(const CharacterAssociation& association) noexcept {
+  // The class is final: an equal type is exactly this class.
+  if (typeid(association) != typeid(CharacterAssociationImpl)) return nullptr;
+  return &static_cast<const CharacterAssociationImpl&>(association).UuidAssociations();
+}
 
 Result<const Uuid*> PeekAssociatedUuid(const CharacterAssociation& association, const Uuid& key,
                                        Uuid& holder) noexcept {

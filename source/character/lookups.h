@@ -52,6 +52,12 @@ const CharacterNodeTransformRef* FindFirstPoseNode(const CharacterPose& pose, co
 Result<const Uuid*> PeekAssociatedUuid(const CharacterAssociation& association, const Uuid& key,
                                        Uuid& holder) noexcept;
 
+// The Uuid table of this module's own association class (both directions), or null for
+// associations of other classes. A key found there is what GetAssociatedUuid gives; a miss is
+// reported by PeekAssociatedUuid. Valid while the association is neither changed nor released.
+using UuidAssociationTable = HashMap<Uuid, Uuid>;
+const UuidAssociationTable* OwnUuidAssociations(const CharacterAssociation& association) noexcept;
+
 // The setting GetBodyPartSetting(identifier) gives, or null when there is none, without taking a
 // reference: for this module's own configuration class the pointer is valid while the
 // configuration is neither changed nor released; for other classes `holder` keeps it alive.

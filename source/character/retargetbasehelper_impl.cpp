@@ -184,10 +184,15 @@ class RetargetBaseHelperImpl final : public RetargetBaseHelper {
     const BaseArray<CharacterNodeTransformRef>& nodes = pose->GetNodeTransformArray();
     BaseArray<CharacterNodeTransformRef> renamed;
     TARNI_TRY(renamed.EnsureCapacity(nodes.GetCount()));
+    // This module's association class is searched directly; misses and other classes go through
+    // PeekAssociatedUuid, which also raises the miss's error.
+    const UuidAssociationTable* table = OwnUuidAssociations(*association);
     for (const CharacterNodeTransformRef& node : nodes) {
       if (!node) return NullReferenceError("Pose holds an empty node.");
+      const Uuid& source = NodeUuidOf(node.Get());
+      const Uuid* target = table != nullptr ? table->Find(source) : nullptr;
       Uuid holder;
-      const Uuid* target = TARNI_TRY(PeekAssociatedUuid(*association, node->GetUuid(), holder));
+      if (target == nullptr) target = TARNI_TRY(PeekAssociatedUuid(*association, source, holder));
       // A writable copy, so the input pose's node keeps its Uuid.
       TARNI_TRY(renamed.Append(TARNI_TRY(CopyNodeWithUuid(node, *target))));
     }
