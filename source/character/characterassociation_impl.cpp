@@ -89,6 +89,8 @@ class CharacterAssociationImpl final : public CharacterAssociation {
   const Uuid* FindAssociatedUuid(const Uuid& key) const noexcept { return _uuidAssTable.Find(key); }
   // The table itself (see OwnUuidAssociations).
   const UuidAssociationTable& UuidAssociations() const noexcept { return _uuidAssTable; }
+  // The kept companion (see PeekAssociationCompanion); never copied or described.
+  const CompanionSlot& KeptCompanion() const noexcept { return _companion; }
 
   Result<void> AssociateId(const InternedId& source, const InternedId& target) noexcept override {
     if (source.IsEmpty() || target.IsEmpty()) return IllegalArgumentError(kInvalidKeyMessage);
@@ -131,6 +133,7 @@ class CharacterAssociationImpl final : public CharacterAssociation {
  private:
   HashMap<Uuid, Uuid> _uuidAssTable;
   HashMap<InternedId, InternedId> _idAssTable;
+  CompanionSlot _companion;
 };
 
 constexpr Id kInterfaces[] = {CharacterAssociation::kInterfaceId};
@@ -144,6 +147,19 @@ const UuidAssociationTable* OwnUuidAssociations(const CharacterAssociation& asso
   // The class is final: an equal type is exactly this class.
   if (typeid(association) != typeid(CharacterAssociationImpl)) return nullptr;
   return &static_cast<const CharacterAssociationImpl&>(association).UuidAssociations();
+}
+
+const Companion* PeekAssociationCompanion(const CharacterAssociation& association) noexcept {
+  if (typeid(association) != typeid(CharacterAssociationImpl)) return nullptr;
+  return static_cast<const CharacterAssociationImpl&>(association).KeptCompanion().Peek();
+}
+
+const Companion* AttachAssociationCompanion(const CharacterAssociation& association,
+                                            Companion* companion) noexcept {
+  if (typeid(association) != typeid(CharacterAssociationImpl)) return nullptr;
+  return static_cast<const CharacterAssociationImpl&>(association)
+      .KeptCompanion()
+      .Attach(companion);
 }
 
 Result<const Uuid*> PeekAssociatedUuid(const CharacterAssociation& association, const Uuid& key,

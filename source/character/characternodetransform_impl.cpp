@@ -1,4 +1,5 @@
 #include <cstdint>
+#include <cstring>
 #include <new>
 #include <typeinfo>
 
@@ -163,6 +164,19 @@ NodeIndex* MakeNodeIndex(const BaseArray<CharacterNodeTransformRef>& nodes) noex
     if (slots[slot] < 0) slots[slot] = static_cast<std::int32_t>(i);
   }
   return index;
+}
+
+NodeIndex* CopyNodeIndex(const NodeIndex& index,
+                         const BaseArray<CharacterNodeTransformRef>& nodes) noexcept {
+  if (index.count != nodes.GetCount()) return nullptr;
+  const std::size_t size =
+      sizeof(NodeIndex) + static_cast<std::size_t>(index.mask + 1) * sizeof(std::int32_t);
+  void* memory = Allocate(size);
+  if (memory == nullptr) return nullptr;
+  std::memcpy(memory, &index, size);
+  auto* copy = static_cast<NodeIndex*>(memory);
+  copy->storage = nodes.GetFirst();
+  return copy;
 }
 
 void DeleteNodeIndex(NodeIndex* index) noexcept {

@@ -35,12 +35,12 @@ class CharacterPoseImpl final : public CharacterPose {
   }
 
   // The first-match index of the node array, made at the first lookup once the pose has
-  // kIndexedCount nodes, or null (the lookups then scan). Lookups run on many threads at once on
-  // a shared rest pose: the first index published wins and the others are dropped. Every change
+  // kIndexedNodeCount nodes, or null (the lookups then scan). Lookups run on many threads at once
+  // on a shared rest pose: the first index published wins and the others are dropped. Every change
   // of the array drops the index; those run on a pose nobody else reads (copy-on-write).
   const NodeIndex* Index() const noexcept {
     NodeIndex* index = _index.load(std::memory_order_acquire);
-    if (index != nullptr || _nodeTransforms.GetCount() < kIndexedCount) return index;
+    if (index != nullptr || _nodeTransforms.GetCount() < kIndexedNodeCount) return index;
     NodeIndex* made = MakeNodeIndex(_nodeTransforms);
     if (made == nullptr) return nullptr;
     if (_index.compare_exchange_strong(index, made, std::memory_order_acq_rel,
@@ -66,8 +66,14 @@ class CharacterPoseImpl final : public CharacterPose {
     return out.ToString();
   }
 
-  // The slot of the attached companion (see AttachPoseCompanion).
-  std::atomic<PoseCompanion*>& CompanionSlot() const noexcept { return _companion; }
+  // The attached companion (see AttachPoseCompanion).
+  const CompanionSlot& KeptCompanion() const noexcept { return _companion; }
+
+  // Starts the index with a copy of `sameUuids` (see CopyPoseWithNodes); the pose is new and
+  // nobody else reads it yet.
+  void StartIndexFrom(const NodeIndex& sameUuids) noexcept {
+    _index.store(CopyNodeIndex(sameUuids, _nodeTransforms), std::memory_order_release);
+  }
 
   // Takes over `nodes` as the whole array (see CopyPoseWithNodes).
   void TakeNodeTransformArray(BaseArray<CharacterNodeTransformRef>&& nodes) noexcept {
@@ -96,21 +102,17 @@ class CharacterPoseImpl final : public CharacterPose {
   }
 
  private:
-  // Below this many nodes a scan costs less than making the index.
-  static constexpr Int kIndexedCount = 8;
-
   // Drops the index and the companion: both are derived from the array.
   void DropDerivedData() noexcept {
     DeleteNodeIndex(_index.exchange(nullptr, std::memory_order_acq_rel));
-    if (PoseCompanion* companion = _companion.exchange(nullptr, std::memory_order_acq_rel))
-      companion->destroy(companion);
+    _companion.Drop();
   }
 
   BaseArray<CharacterNodeTransformRef> _nodeTransforms;
   // Derived from _nodeTransforms, never copied; the index also checks that the array it was made
   // from still has the same storage and count, which covers writes through DescribeIO's address.
   mutable std::atomic<NodeIndex*> _index{nullptr};
-  mutable std::atomic<PoseCompanion*> _companion{nullptr};
+  CompanionSlot _companion;
 };
 
 constexpr Id kInterfaces[] = {CharacterPose::kInterfaceId};
@@ -133,25 +135,19 @@ const CharacterNodeTransformRef* FindFirstPoseNode(const CharacterPose& pose, co
   return FindFirstNode(nodes, *scratch, id);
 }
 
-const PoseCompanion* PeekPoseCompanion(const CharacterPose& pose) noexcept {
+const Companion* PeekPoseCompanion(const CharacterPose& pose) noexcept {
   if (typeid(pose) != typeid(CharacterPoseImpl)) return nullptr;
-  return static_cast<const CharacterPoseImpl&>(pose).CompanionSlot().load(
-      std::memory_order_acquire);
+  return static_cast<const CharacterPoseImpl&>(pose).KeptCompanion().Peek();
 }
 
-const PoseCompanion* AttachPoseCompanion(const CharacterPose& pose,
-                                         PoseCompanion* companion) noexcept {
+const Companion* AttachPoseCompanion(const CharacterPose& pose, Companion* companion) noexcept {
   if (typeid(pose) != typeid(CharacterPoseImpl)) return nullptr;
-  PoseCompanion* attached = nullptr;
-  if (static_cast<const CharacterPoseImpl&>(pose).CompanionSlot().compare_exchange_strong(
-          attached, companion, std::memory_order_acq_rel, std::memory_order_acquire))
-    return companion;
-  companion->destroy(companion);
-  return attached;
+  return static_cast<const CharacterPoseImpl&>(pose).KeptCompanion().Attach(companion);
 }
 
 Result<CharacterPoseRef> CopyPoseWithNodes(const CharacterPoseRef& pose,
-                                           BaseArray<CharacterNodeTransformRef>&& nodes) noexcept {
+                                           BaseArray<CharacterNodeTransformRef>&& nodes,
+                                           const NodeIndex* sameUuids) noexcept {
   // The class is final: an equal type is exactly this class.
   const CharacterPose* shared = pose.Get();
   if (shared == nullptr || typeid(*shared) != typeid(CharacterPoseImpl)) {
@@ -166,6 +162,7 @@ Result<CharacterPoseRef> CopyPoseWithNodes(const CharacterPoseRef& pose,
   fresh->SetClass(shared->GetClass());
   TARNI_TRY(fresh->Init());
   fresh->TakeNodeTransformArray(std::move(nodes));
+  if (sameUuids != nullptr) fresh->StartIndexFrom(*sameUuids);
   return CharacterPoseRef(Ref<CharacterPose>(std::move(fresh)));
 }
 

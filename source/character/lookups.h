@@ -3,6 +3,7 @@
 // interfaces for objects of other classes.
 #pragma once
 
+#include "companion.h"
 #include "tarni/characterassociation.h"
 #include "tarni/characterbodypart.h"
 #include "tarni/characterbodypartsolversetting.h"
@@ -28,9 +29,17 @@ const Uuid& NodeUuidOf(const CharacterNodeTransform* node) noexcept;
 // storage and count, so an array that has since grown or moved is scanned instead.
 class NodeIndex;
 
+// Poses of this module's class with at least this many nodes make an index at their first lookup;
+// below, a scan costs less than making the index.
+inline constexpr Int kIndexedNodeCount = 8;
+
 // A new index over `nodes`, or null when its memory cannot be had (the lookups then scan).
 NodeIndex* MakeNodeIndex(const BaseArray<CharacterNodeTransformRef>& nodes) noexcept;
-// Frees an index from MakeNodeIndex; null is ignored.
+// A copy of `index` for `nodes`, an array holding the same Uuids in the same order as the array
+// `index` was made from; null when the memory cannot be had or the counts differ.
+NodeIndex* CopyNodeIndex(const NodeIndex& index,
+                         const BaseArray<CharacterNodeTransformRef>& nodes) noexcept;
+// Frees an index from MakeNodeIndex or CopyNodeIndex; null is ignored.
 void DeleteNodeIndex(NodeIndex* index) noexcept;
 
 // FindFirstNode's result, through `index` when it is not null and still fits `nodes`.
@@ -57,6 +66,14 @@ Result<const Uuid*> PeekAssociatedUuid(const CharacterAssociation& association, 
 // reported by PeekAssociatedUuid. Valid while the association is neither changed nor released.
 using UuidAssociationTable = HashMap<Uuid, Uuid>;
 const UuidAssociationTable* OwnUuidAssociations(const CharacterAssociation& association) noexcept;
+
+// The companion kept with `association` (see character/companion.h), and attaching one, as for
+// poses (PeekPoseCompanion, AttachPoseCompanion): null for associations of other classes, which
+// keep none. An association keeps its companion until it is released, whatever changes it, so the
+// companion's maker checks on each use that it still fits.
+const Companion* PeekAssociationCompanion(const CharacterAssociation& association) noexcept;
+const Companion* AttachAssociationCompanion(const CharacterAssociation& association,
+                                            Companion* companion) noexcept;
 
 // The setting GetBodyPartSetting(identifier) gives, or null when there is none, without taking a
 // reference: for this module's own configuration class the pointer is valid while the

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "character/lookups.h"
@@ -139,6 +140,50 @@ Result<Int> MatchingCount(const CharacterBodyPartRef& bodyPart, const CharacterP
   return count;
 }
 
+// What renaming keeps with an association: the index of a renamed pose, and the Uuids it was made
+// over, in pose order (this header, then `count` Uuids). A frame that renames a pose of the same
+// skeleton gives its nodes the very same Uuids, which it checks by their shared id data, and its
+// pose then starts with a copy of the index instead of making one at its first lookup. The index
+// depends on those Uuids alone, so a change of the association cannot make it wrong; a later pose
+// with other Uuids makes its own index, as without a companion.
+struct RenamedIndex final : Companion {
+  NodeIndex* index;
+  Int count;
+
+  Uuid* Targets() noexcept { return reinterpret_cast<Uuid*>(this + 1); }
+  const Uuid* Targets() const noexcept { return reinterpret_cast<const Uuid*>(this + 1); }
+
+  // Keeps the index of `renamed` with `association`. Memory that cannot be had only means that
+  // no index is kept.
+  static void Keep(const CharacterAssociation& association,
+                   const BaseArray<CharacterNodeTransformRef>& renamed) noexcept {
+    NodeIndex* index = MakeNodeIndex(renamed);
+    if (index == nullptr) return;
+    const Int count = renamed.GetCount();
+    void* memory = Allocate(sizeof(RenamedIndex) + static_cast<std::size_t>(count) * sizeof(Uuid));
+    if (memory == nullptr) {
+      DeleteNodeIndex(index);
+      return;
+    }
+    auto* kept = ::new (memory) RenamedIndex;
+    kept->destroy = &Destroy;
+    kept->index = index;
+    kept->count = count;
+    for (Int i = 0; i < count; ++i) ::new (&kept->Targets()[i]) Uuid(NodeUuidOf(renamed[i].Get()));
+    // Another thread's, made for a pose of the same or another skeleton, stays.
+    if (AttachAssociationCompanion(association, kept) == nullptr) Destroy(kept);
+  }
+
+  static void Destroy(Companion* companion) noexcept {
+    auto* self = static_cast<RenamedIndex*>(companion);
+    for (Int i = 0; i < self->count; ++i) self->Targets()[i].~Uuid();
+    DeleteNodeIndex(self->index);
+    self->~RenamedIndex();
+    Free(self);
+  }
+};
+static_assert(sizeof(RenamedIndex) % alignof(Uuid) == 0);
+
 class RetargetBaseHelperImpl final : public RetargetBaseHelper {
   TARNI_IMPLEMENTS(RetargetBaseHelperImpl, RetargetBaseHelper)
  public:
@@ -187,16 +232,26 @@ class RetargetBaseHelperImpl final : public RetargetBaseHelper {
     // This module's association class is searched directly; misses and other classes go through
     // PeekAssociatedUuid, which also raises the miss's error.
     const UuidAssociationTable* table = OwnUuidAssociations(*association);
-    for (const CharacterNodeTransformRef& node : nodes) {
+    const auto* kept = static_cast<const RenamedIndex*>(PeekAssociationCompanion(*association));
+    bool keptFits = kept != nullptr && kept->count == nodes.GetCount();
+    for (Int i = 0; i < nodes.GetCount(); ++i) {
+      const CharacterNodeTransformRef& node = nodes[i];
       if (!node) return NullReferenceError("Pose holds an empty node.");
       const Uuid& source = NodeUuidOf(node.Get());
       const Uuid* target = table != nullptr ? table->Find(source) : nullptr;
       Uuid holder;
       if (target == nullptr) target = TARNI_TRY(PeekAssociatedUuid(*association, source, holder));
+      keptFits = keptFits && target->SharesData(kept->Targets()[i]);
       // A writable copy, so the input pose's node keeps its Uuid.
       TARNI_TRY(renamed.Append(TARNI_TRY(CopyNodeWithUuid(node, *target))));
     }
-    return CopyPoseWithNodes(pose, std::move(renamed));
+    CharacterPoseRef result =
+        TARNI_TRY(CopyPoseWithNodes(pose, std::move(renamed), keptFits ? kept->index : nullptr));
+    // Only once the result is made, so that a failed allocation of the optional index never stands
+    // in the way of the result's own.
+    if (kept == nullptr && table != nullptr && nodes.GetCount() >= kIndexedNodeCount)
+      RenamedIndex::Keep(*association, result->GetNodeTransformArray());
+    return result;
   }
 
   Result<std::int64_t> FindSkeletonMatchingCount(const CharacterBodyPartRef& bodyPart,

@@ -39,7 +39,7 @@ struct RestNodeData {
 };
 
 // The rest data of a whole pose, as one block: this header, then one RestNodeData per element.
-struct RestPoseData final : PoseCompanion {
+struct RestPoseData final : Companion {
   const CharacterNodeTransformRef* storage;
   Int count;
 
@@ -57,7 +57,7 @@ struct RestPoseData final : PoseCompanion {
     return true;
   }
 
-  static void Destroy(PoseCompanion* companion) noexcept {
+  static void Destroy(Companion* companion) noexcept {
     auto* self = static_cast<RestPoseData*>(companion);
     self->~RestPoseData();
     Free(self);

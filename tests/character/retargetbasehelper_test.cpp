@@ -225,6 +225,45 @@ TEST(RetargetBaseHelper, TranslatesPoseToTargetIdentitiesLeavingTheInputAlone) {
   }
 }
 
+TEST(RetargetBaseHelper, RenamedPosesFindTheFirstNodeOfEachTargetFrameAfterFrame) {
+  // Ten source nodes drive six target nodes; every target Uuid is made anew, so equal values do
+  // not share id data.
+  RetargetBaseHelperRef helper = MakeHelper();
+  CharacterAssociationRef association(
+      CreateObject<CharacterAssociation>(CharacterAssociation::kClassId).value());
+  const std::uint64_t drives[10] = {101, 102, 103, 101, 104, 105, 106, 102, 103, 106};
+  for (std::uint64_t s = 1; s <= 10; ++s)
+    ASSERT_TRUE(association.MakeWritable().value()->AssociateUuid(U(s), U(drives[s - 1])));
+  // Each lookup gives the first node holding the Uuid, or none.
+  auto expectFirstMatches = [](const CharacterPoseRef& renamed) {
+    const BaseArray<CharacterNodeTransformRef>& nodes = renamed->GetNodeTransformArray();
+    for (std::uint64_t t = 100; t <= 107; ++t) {
+      const CharacterNodeTransform* first = nullptr;
+      for (const CharacterNodeTransformRef& node : nodes) {
+        if (node->GetUuid().GetLow() == t) {
+          first = node.Get();
+          break;
+        }
+      }
+      EXPECT_EQ(renamed->GetNodeTransformByID(U(t)).value().Get(), first) << "target " << t;
+    }
+  };
+  for (int frame = 0; frame < 3; ++frame)
+    expectFirstMatches(
+        helper->TranslateSrcToDestID(association, MakePose({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}))
+            .value());
+  // Source 1 now drives 106: the first 101 is the fourth node.
+  ASSERT_TRUE(association.MakeWritable().value()->AssociateUuid(U(1), U(106)));
+  CharacterPoseRef renamed =
+      helper->TranslateSrcToDestID(association, MakePose({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})).value();
+  expectFirstMatches(renamed);
+  EXPECT_EQ(renamed->GetNodeTransformByID(U(101)).value().Get(),
+            renamed->GetNodeTransformArray()[3].Get());
+  // The same skeleton in another order.
+  expectFirstMatches(
+      helper->TranslateSrcToDestID(association, MakePose({10, 9, 8, 7, 6, 5, 4, 3, 2, 1})).value());
+}
+
 TEST(RetargetBaseHelper, CountsMatchingNodesOwnOrOverTheSubHierarchy) {
   RetargetBaseHelperRef helper = MakeHelper();
   CharacterBodyPartRef body = MakePart("body");
