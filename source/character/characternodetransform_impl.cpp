@@ -103,17 +103,26 @@ const StaticFunction kStatics[] = {
 
 namespace {
 constinit const Uuid kEmptyUuid{};
+
+// Measured on a node of the class, so that no layout rule of the language has to cover a class with
+// virtual bases.
+std::ptrdiff_t MeasureUuidOffset() noexcept {
+  const CharacterNodeTransformImpl probe;
+  const CharacterNodeTransform& node = probe;
+  return reinterpret_cast<const char*>(
+             &probe.NodeInfoComponent<CharacterNodeTransform>::GetUuid()) -
+         reinterpret_cast<const char*>(&node);
+}
 }  // namespace
 
-const Uuid& NodeUuidOf(const CharacterNodeTransform* node) noexcept {
-  if (node == nullptr) return kEmptyUuid;
-  // The class is final: an equal type is exactly this class, whose Uuid is read without the
-  // virtual call.
-  if (typeid(*node) == typeid(CharacterNodeTransformImpl))
-    return static_cast<const CharacterNodeTransformImpl*>(node)
-        ->NodeInfoComponent<CharacterNodeTransform>::GetUuid();
-  return node->GetUuid();
+namespace detail {
+const std::type_info& kOwnNodeType = typeid(CharacterNodeTransformImpl);
+const std::ptrdiff_t kOwnNodeUuidOffset = MeasureUuidOffset();
+
+const Uuid& OtherNodeUuidOf(const CharacterNodeTransform* node) noexcept {
+  return node == nullptr ? kEmptyUuid : node->GetUuid();
 }
+}  // namespace detail
 
 const CharacterNodeTransformRef* FindFirstNode(const BaseArray<CharacterNodeTransformRef>& nodes,
                                                const Uuid& id) noexcept {

@@ -3,6 +3,9 @@
 // interfaces for objects of other classes.
 #pragma once
 
+#include <cstddef>
+#include <typeinfo>
+
 #include "companion.h"
 #include "tarni/characterassociation.h"
 #include "tarni/characterbodypart.h"
@@ -19,9 +22,24 @@ namespace tarni::ca {
 const CharacterNodeTransformRef* FindFirstNode(const BaseArray<CharacterNodeTransformRef>& nodes,
                                                const Uuid& id) noexcept;
 
+namespace detail {
+// This module's own node class, and where its Uuid lies from the CharacterNodeTransform part of
+// such a node: what NodeUuidOf reads inline.
+extern const std::type_info& kOwnNodeType;
+extern const std::ptrdiff_t kOwnNodeUuidOffset;
+// NodeUuidOf for nodes of other classes and null.
+const Uuid& OtherNodeUuidOf(const CharacterNodeTransform* node) noexcept;
+}  // namespace detail
+
 // The Uuid of `node` as GetUuid gives it, or the empty Uuid for a null node; this module's own
-// node class is read without the virtual call.
-const Uuid& NodeUuidOf(const CharacterNodeTransform* node) noexcept;
+// node class is read without the virtual call. Inline: the frame loops ask for every node's Uuid.
+inline const Uuid& NodeUuidOf(const CharacterNodeTransform* node) noexcept {
+  // The class is final: an equal type is exactly this class.
+  if (node != nullptr && typeid(*node) == detail::kOwnNodeType)
+    return *reinterpret_cast<const Uuid*>(reinterpret_cast<const char*>(node) +
+                                          detail::kOwnNodeUuidOffset);
+  return detail::OtherNodeUuidOf(node);
+}
 
 // A first-match index over a node array: for each Uuid value that the array holds, the lowest
 // index holding it (an empty element holds the empty Uuid). It keeps no references; it stays valid
