@@ -64,6 +64,12 @@ TEST(PoseNodes, CopyPoseWithNodesLeavesTheSourcePose) {
 }
 
 TEST(FrameLookups, PeeksGiveWhatTheInterfacesGive) {
+  // A node's Uuid is the very one GetUuid gives; no node has the empty Uuid.
+  {
+    const CharacterNodeTransformRef node = CreateNodeTransform(U(7), Matrix{}, Matrix{}).value();
+    EXPECT_EQ(&ca::NodeUuidOf(node.Get()), &node->GetUuid());
+    EXPECT_FALSE(ca::NodeUuidOf(nullptr).HasData());
+  }
   // Body-part settings: the stored one, and null for an identifier without one.
   {
     CharacterSolverConfigurationRef config =
