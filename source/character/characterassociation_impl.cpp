@@ -80,13 +80,11 @@ class CharacterAssociationImpl final : public CharacterAssociation {
     return StoreBothDirections(_uuidAssTable, source, target);
   }
   Result<Uuid> GetAssociatedUuid(const Uuid& key) const noexcept override {
-    const Uuid* value = FindAssociatedUuid(key);
+    const Uuid* value = _uuidAssTable.Find(key);
     if (value == nullptr) return IllegalArgumentError(kNoValueMessage);
     return *value;
   }
 
-  // The stored value for `key`, or null (see PeekAssociatedUuid).
-  const Uuid* FindAssociatedUuid(const Uuid& key) const noexcept { return _uuidAssTable.Find(key); }
   // The table itself (see OwnUuidAssociations).
   const UuidAssociationTable& UuidAssociations() const noexcept { return _uuidAssTable; }
   // The kept companion (see PeekAssociationCompanion); never copied or described.
@@ -164,11 +162,8 @@ const Companion* AttachAssociationCompanion(const CharacterAssociation& associat
 
 Result<const Uuid*> PeekAssociatedUuid(const CharacterAssociation& association, const Uuid& key,
                                        Uuid& holder) noexcept {
-  // The class is final: an equal type is exactly this class.
-  if (typeid(association) == typeid(CharacterAssociationImpl)) {
-    const Uuid* value =
-        static_cast<const CharacterAssociationImpl&>(association).FindAssociatedUuid(key);
-    if (value != nullptr) return value;
+  if (const UuidAssociationTable* table = OwnUuidAssociations(association)) {
+    if (const Uuid* value = table->Find(key)) return value;
   }
   // Other classes, and a missing key, whose error GetAssociatedUuid raises.
   holder = TARNI_TRY(association.GetAssociatedUuid(key));

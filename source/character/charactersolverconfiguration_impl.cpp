@@ -69,17 +69,12 @@ class CharacterSolverConfigurationImpl final : public CharacterSolverConfigurati
   }
   CharacterBodyPartSolverSettingRef GetBodyPartSetting(
       const InternedId& identifier) const noexcept override {
-    const CharacterBodyPartSolverSettingRef* found = FindBodyPartSetting(identifier);
+    const CharacterBodyPartSolverSettingRef* found = _bpSettings.Find(identifier);
     if (found == nullptr) return CharacterBodyPartSolverSettingRef();
     return *found;
   }
   // The table itself (see OwnBodyPartSettings).
   const BodyPartSettingTable& BodyPartSettings() const noexcept { return _bpSettings; }
-  // The stored reference for `identifier`, or null (see PeekBodyPartSetting).
-  const CharacterBodyPartSolverSettingRef* FindBodyPartSetting(
-      const InternedId& identifier) const noexcept {
-    return _bpSettings.Find(identifier);
-  }
   Result<void> ClearBodyPartSetting() noexcept override {
     _bpSettings.Flush();
     return OK;
@@ -191,11 +186,8 @@ const BodyPartSettingTable* OwnBodyPartSettings(
 const CharacterBodyPartSolverSetting* PeekBodyPartSetting(
     const CharacterSolverConfiguration& config, const InternedId& identifier,
     CharacterBodyPartSolverSettingRef& holder) noexcept {
-  // The class is final: an equal type is exactly this class.
-  if (typeid(config) == typeid(CharacterSolverConfigurationImpl)) {
-    const CharacterBodyPartSolverSettingRef* found =
-        static_cast<const CharacterSolverConfigurationImpl&>(config).FindBodyPartSetting(
-            identifier);
+  if (const BodyPartSettingTable* table = OwnBodyPartSettings(config)) {
+    const CharacterBodyPartSolverSettingRef* found = table->Find(identifier);
     return found ? found->Get() : nullptr;
   }
   holder = config.GetBodyPartSetting(identifier);
