@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host.h"
+#include "io/heap.h"
 #include "tarni/module.h"
 
 #if __has_include("jobs/reduce.h")
@@ -151,6 +152,7 @@ int Main(int argc, char** argv) {
     return kExitBadInput;
   }
   if (!LoadModule(plugin)) return kExitBadInput;
+  KeepFreedMemoryForReuse();
   return run(argc - first, argv + first);
 }
 

@@ -33,6 +33,7 @@
 #include "curvekeys.h"
 #include "io/bvh.h"
 #include "io/curvefile.h"
+#include "io/heap.h"
 #include "motion/curveeval.h"
 #include "motion/pose.h"
 #include "retarget/keyreduction.h"
@@ -362,6 +363,8 @@ int RunReduce(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   if (argc < 2) return Usage("no job");
+  // As tarni-ca does: the timed runs reuse the memory of the ones before.
+  tarni::host::KeepFreedMemoryForReuse();
   if (auto registered = tarni::RegisterModule(tarni::ca::GetModuleBlock()); !registered)
     return Fail("module registration failed");
   const std::string_view job = argv[1];

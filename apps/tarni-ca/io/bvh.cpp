@@ -813,8 +813,15 @@ std::string WriteBvhImpl(const BvhMotion& motion) {
                : std::min<int64_t>(rows, static_cast<int64_t>(motion.values.size()) / stride);
   }
 
+  // Room for the longest rows, so the text is never moved while it grows: the shortest form of a
+  // double takes at most 24 characters ("-2.2250738585072014e-308"), plus its separator. Pages of
+  // the reserve that shorter numbers leave unwritten are never touched.
   std::string out;
-  out.reserve(static_cast<size_t>(rows * written * 10 + rows + 1024 + count * 160));
+  try {
+    out.reserve(static_cast<size_t>(rows * written * 25 + rows + 1024 + count * 160));
+  } catch (const std::bad_alloc&) {
+    // Without the room reserved the text still grows as far as memory allows.
+  }
   out += "HIERARCHY\n";
 
   std::vector<size_t> order;  // joints in the order written, for the frame rows
