@@ -477,6 +477,34 @@ TEST(RetargetReduction, EvaluatesReducedCurves) {
                                        key(1, 1, -1.0f / 3, 0, -1, -1)};
   EXPECT_NEAR(ReducedValueAt(eased, 0.5), 0.5, 1e-9);
   EXPECT_LT(ReducedValueAt(eased, 0.1), 0.1);
+
+  // Any handles: the value where the segment's x meets the time, as a long bisection finds it.
+  // Handles at thirds, spread unevenly, of zero length (x flat at an end) and running backwards
+  // (x loops; several values meet some times, and the bisection's one is taken).
+  auto bisected = [](const CurveKey& a, const CurveKey& b, double time) {
+    auto sum = [](float x, float y) { return double{x} + double{y}; };
+    const double px[4] = {a.position[0], sum(a.position[0], a.rightTangent[0]),
+                          sum(b.position[0], b.leftTangent[0]), b.position[0]};
+    const double py[4] = {a.position[1], sum(a.position[1], a.rightTangent[1]),
+                          sum(b.position[1], b.leftTangent[1]), b.position[1]};
+    auto at = [](const double(&c)[4], double s) {
+      const double r = 1 - s;
+      return r * r * r * c[0] + 3 * r * r * s * c[1] + 3 * r * s * s * c[2] + s * s * s * c[3];
+    };
+    double lo = 0, hi = 1;
+    for (int i = 0; i < 64; ++i) (at(px, 0.5 * (lo + hi)) < time ? lo : hi) = 0.5 * (lo + hi);
+    return at(py, 0.5 * (lo + hi));
+  };
+  const float handles[][2] = {{1.0f / 3, -1.0f / 3}, {0.1f, -0.6f}, {0.0f, 0.0f},
+                              {0.9f, -0.05f},        {0.5f, -0.5f}, {1.4f, -1.4f}};
+  for (const auto& h : handles) {
+    const std::vector<CurveKey> segment = {key(2, 10, -1, -1, h[0], 25), key(3, -4, h[1], 7)};
+    for (int i = 1; i < 50; ++i) {
+      const double time = 2 + i / 50.0;
+      EXPECT_NEAR(ReducedValueAt(segment, time), bisected(segment[0], segment[1], time), 1e-9)
+          << "handles " << h[0] << ", " << h[1] << " at " << time;
+    }
+  }
 }
 
 TEST(RetargetSetup, ReadsBackWhatItWroteAndSolvesTheSame) {

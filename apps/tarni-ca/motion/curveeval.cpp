@@ -21,6 +21,43 @@ Point BezierPoint(const Point (&p)[4], double s) {
           b0 * p[0].y + b1 * p[1].y + b2 * p[2].y + b3 * p[3].y};
 }
 
+// dx/ds of the segment at s.
+double BezierSlopeX(const Point (&p)[4], double s) {
+  const double r = 1.0 - s;
+  return 3 *
+         (r * r * (p[1].x - p[0].x) + 2 * r * s * (p[2].x - p[1].x) + s * s * (p[3].x - p[2].x));
+}
+
+// The parameter where the segment's x meets `time`, which lies strictly between p0.x and p3.x.
+// Where the handles' x run forward (each control point at or after the one before), x rises with s
+// and one parameter meets `time`: Newton's method inside a bracket that every step narrows finds
+// it. Reduced keys have handles close to thirds of the segment, where x is nearly linear in s, so
+// the straight-line start is within a rounding error or two and a couple of steps settle it; a step
+// that would leave the bracket bisects instead. Handles that run backwards make x loop, and several
+// parameters may meet `time`: the plain bisection picks one, the same one every time.
+double ParameterAt(const Point (&p)[4], double time) {
+  double lo = 0.0, hi = 1.0;
+  if (!(p[0].x <= p[1].x && p[1].x <= p[2].x && p[2].x <= p[3].x)) {
+    for (int i = 0; i < 64; ++i) {
+      const double mid = 0.5 * (lo + hi);
+      (BezierPoint(p, mid).x < time ? lo : hi) = mid;
+    }
+    return 0.5 * (lo + hi);
+  }
+  double s = (time - p[0].x) / (p[3].x - p[0].x);
+  for (int step = 0; step < 200; ++step) {
+    if (!(s > lo && s < hi)) s = 0.5 * (lo + hi);
+    const double miss = BezierPoint(p, s).x - time;
+    if (miss == 0.0) break;
+    (miss < 0.0 ? lo : hi) = s;
+    const double next = s - miss / BezierSlopeX(p, s);
+    // Settled: the step no longer moves s, or the bracket holds no other double.
+    if (next == s || 0.5 * (lo + hi) == lo || 0.5 * (lo + hi) == hi) break;
+    s = next;
+  }
+  return s;
+}
+
 }  // namespace
 
 double ReducedValueAt(const std::vector<CurveKey>& keys, double time) {
@@ -42,13 +79,7 @@ double ReducedValueAt(const std::vector<CurveKey>& keys, double time) {
                        ? Point{p3.x - (p3.x - p0.x) / 3, p3.y - (p3.y - p0.y) / 3}
                        : Point{p3.x + b.leftTangent[0], p3.y + b.leftTangent[1]};
   const Point p[4] = {p0, p1, p2, p3};
-  // x runs from p0.x below `time` to p3.x above it: bisect for the parameter that meets it.
-  double lo = 0.0, hi = 1.0;
-  for (int i = 0; i < 64; ++i) {
-    const double mid = 0.5 * (lo + hi);
-    (BezierPoint(p, mid).x < time ? lo : hi) = mid;
-  }
-  return BezierPoint(p, 0.5 * (lo + hi)).y;
+  return BezierPoint(p, ParameterAt(p, time)).y;
 }
 
 ReductionMeasure MeasureReduction(const CurveFile& original, const CurveFile& reduced) {
