@@ -922,21 +922,9 @@ std::string WriteBvh(const BvhMotion& motion) {
 }
 
 bool WriteBvh(const std::filesystem::path& path, const BvhMotion& motion, IoError& error) {
-  try {
-    if (!CheckBvh(motion, error)) {
-      error.file = path.string();
-      return false;
-    }
-    const std::string text = WriteBvh(motion);
-    if (text.empty()) {
-      error = IoError{path.string(), 0, "out of memory"};
-      return false;
-    }
-    return WriteFileAtomically(path, text, error);
-  } catch (const std::exception& e) {
-    error = IoError{path.string(), 0, e.what()};
-  }
-  return false;
+  return WriteCheckedText(
+      path, [&](IoError& checkError) { return CheckBvh(motion, checkError); },
+      [&] { return WriteBvh(motion); }, error);
 }
 
 }  // namespace tarni::host

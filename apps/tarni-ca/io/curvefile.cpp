@@ -22,20 +22,27 @@ constexpr double kFloatMax = std::numeric_limits<float>::max();
 // text of FLT_MAX itself ("3.4028235e+38") reads as a double just above FLT_MAX.
 constexpr double kFloatLimit = 0x1.ffffffp+127;
 
+// The numbers the shortest text does not carry through JSON: a value that is not finite is written
+// as null, and negative zero as "-0.0" (JSON readers take "-0" for the integer zero and lose the
+// sign). Returns whether `value` was one of them.
+bool AppendSpecialNumber(std::string& out, double value) {
+  if (!std::isfinite(value)) {
+    out += "null";
+    return true;
+  }
+  if (value == 0 && std::signbit(value)) {
+    out += "-0.0";
+    return true;
+  }
+  return false;
+}
+
 // The shortest text for `value` that reads back as the same float when parsed the way JSON
 // readers do: as a double, then rounded to float. The shortest float text is almost always
 // enough, but a few values fall on the wrong side of that second rounding (7.038531e-26 is
 // one); those get the double's digits instead, which read back exactly.
 void AppendFloat(std::string& out, float value) {
-  if (!std::isfinite(value)) {
-    out += "null";
-    return;
-  }
-  // JSON readers take "-0" for the integer zero and lose the sign; "-0.0" is a float.
-  if (value == 0 && std::signbit(value)) {
-    out += "-0.0";
-    return;
-  }
+  if (AppendSpecialNumber(out, value)) return;
   char buffer[64];
   auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
   double reread = 0;
@@ -48,14 +55,7 @@ void AppendFloat(std::string& out, float value) {
 }
 
 void AppendDouble(std::string& out, double value) {
-  if (!std::isfinite(value)) {
-    out += "null";
-    return;
-  }
-  if (value == 0 && std::signbit(value)) {
-    out += "-0.0";
-    return;
-  }
+  if (AppendSpecialNumber(out, value)) return;
   char buffer[32];
   const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
   out.append(buffer, result.ptr);
@@ -480,21 +480,9 @@ std::string WriteCurveFile(const CurveFile& file) {
 }
 
 bool WriteCurveFile(const std::filesystem::path& path, const CurveFile& file, IoError& error) {
-  try {
-    if (!CheckCurveFile(file, error)) {
-      error.file = path.string();
-      return false;
-    }
-    const std::string text = WriteCurveFile(file);
-    if (text.empty()) {
-      error = IoError{path.string(), 0, "out of memory"};
-      return false;
-    }
-    return WriteFileAtomically(path, text, error);
-  } catch (const std::exception& e) {
-    error = IoError{path.string(), 0, e.what()};
-  }
-  return false;
+  return WriteCheckedText(
+      path, [&](IoError& checkError) { return CheckCurveFile(file, checkError); },
+      [&] { return WriteCurveFile(file); }, error);
 }
 
 CurveFile CurvesFromBvh(const BvhMotion& motion, double fps) {
