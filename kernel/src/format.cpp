@@ -6,26 +6,29 @@
 
 namespace tarni {
 
-void AppendFloat64(TextBuilder& out, double value, const FormatStatement* format) noexcept {
+namespace {
+// The shortest text that reads back as `value`, or, when the format asks for a precision, that
+// many significant digits, capped at the digits the type can hold (`maxPrecision`).
+template <typename T>
+void AppendFloatingPoint(TextBuilder& out, T value, const FormatStatement* format,
+                         int maxPrecision) noexcept {
   char digits[64];
   std::to_chars_result done{};
   if (format != nullptr && format->precision > 0)
     done = std::to_chars(digits, digits + sizeof(digits), value, std::chars_format::general,
-                         format->precision > 17 ? 17 : format->precision);
+                         format->precision > maxPrecision ? maxPrecision : format->precision);
   else
     done = std::to_chars(digits, digits + sizeof(digits), value);
   out.Append(std::string_view(digits, static_cast<std::size_t>(done.ptr - digits)));
 }
+}  // namespace
+
+void AppendFloat64(TextBuilder& out, double value, const FormatStatement* format) noexcept {
+  AppendFloatingPoint(out, value, format, 17);
+}
 
 void AppendFloat32(TextBuilder& out, float value, const FormatStatement* format) noexcept {
-  char digits[64];
-  std::to_chars_result done{};
-  if (format != nullptr && format->precision > 0)
-    done = std::to_chars(digits, digits + sizeof(digits), value, std::chars_format::general,
-                         format->precision > 9 ? 9 : format->precision);
-  else
-    done = std::to_chars(digits, digits + sizeof(digits), value);
-  out.Append(std::string_view(digits, static_cast<std::size_t>(done.ptr - digits)));
+  AppendFloatingPoint(out, value, format, 9);
 }
 
 void AppendFloat(TextBuilder& out, double value, int mantissaLength, int fractionLength,
