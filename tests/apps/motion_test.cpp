@@ -73,6 +73,15 @@ TEST(Euler, RoundTripsAllSixOrdersAwayFromAndAtGimbalLock) {
       double out[3] = {};
       ASSERT_TRUE(EulerFromRotation(rotation, order, out));
       ASSERT_LT(Distance(Rotation(order, out), rotation), 1e-9) << angles[1];
+      if (n % 100 == 1) {
+        // A rotation scaled so far that the squares of its entries overflow still splits into
+        // angles of that rotation.
+        Matrix huge = rotation;
+        for (Vector* axis : {&huge.v1, &huge.v2, &huge.v3}) *axis = *axis * 1e200;
+        double hugeOut[3] = {};
+        ASSERT_TRUE(EulerFromRotation(huge, order, hugeOut));
+        EXPECT_LT(Distance(Rotation(order, hugeOut), rotation), 1e-9) << angles[1];
+      }
       if (!lock) {
         // Away from the lock the canonical triple is the one we started from.
         EXPECT_NEAR(out[0], angles[0], 1e-9);

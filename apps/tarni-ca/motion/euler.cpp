@@ -34,12 +34,8 @@ double At(const Matrix& m, int row, int column) {
   return m.*kColumns[column].*kRows[row];
 }
 
-Matrix AxisRotation(int axis, double radians) {
-  // A zero angle, common in motion files for joints that never turn, skips the trigonometry:
-  // cos(+-0) is exactly 1 and sin(+-0) exactly the signed zero itself.
-  const bool zero = radians == 0.0;
-  const double c = zero ? 1.0 : std::cos(radians);
-  const double s = zero ? radians : std::sin(radians);
+// The rotation about `axis` by the angle whose cosine is `c` and sine `s`.
+Matrix AxisRotation(int axis, double c, double s) {
   Matrix m;
   if (axis == 0) {
     m.v2 = {0, c, s};
@@ -54,6 +50,36 @@ Matrix AxisRotation(int axis, double radians) {
   return m;
 }
 
+Matrix AxisRotation(int axis, double radians) {
+  // A zero angle, common in motion files for joints that never turn, skips the trigonometry:
+  // cos(+-0) is exactly 1 and sin(+-0) exactly the signed zero itself.
+  if (radians == 0.0) return AxisRotation(axis, 1.0, radians);
+  return AxisRotation(axis, std::cos(radians), std::sin(radians));
+}
+
+// The length of (x, y). The entries of a rotation are at most 1, so the squares neither overflow
+// nor lose the small lengths the lock test looks at; hypot, several times slower, only steps in
+// for a matrix whose squares do overflow.
+double Length(double x, double y) {
+  const double length = std::sqrt(x * x + y * y);
+  return std::isfinite(length) ? length : std::hypot(x, y);
+}
+
+// The cosine and sine of an angle.
+struct Turn {
+  double c;
+  double s;
+};
+
+// The cosine and sine of atan2(y, x), read off the pair itself scaled to unit length rather than
+// computed from the angle: the same values to rounding, without the trigonometry. A pair too
+// small or too large to scale (never one from a rotation) takes them from `angle`.
+Turn TurnOf(double y, double x, double angle) {
+  const double length = Length(x, y);
+  if (!(length > 0.0) || !std::isfinite(length)) return {std::cos(angle), std::sin(angle)};
+  return {x / length, y / length};
+}
+
 // The angle of a rotation about `axis` alone, in radians.
 double AxisAngle(const Matrix& m, int axis) {
   const int p = (axis + 1) % 3;
@@ -65,9 +91,11 @@ bool IsFinite(const Vector& v) {
   return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z);
 }
 
-// `degrees` moved by a whole number of turns to lie nearest `reference`.
+// `degrees` moved by a whole number of turns to lie nearest `reference`; half a turn away either
+// way, the even number of turns. (nearbyint in the default rounding mode, which this program never
+// changes, compiles to one instruction where round is a library call, for six calls per joint.)
 double Unwrap(double degrees, double reference) {
-  return degrees + 360.0 * std::round((reference - degrees) / 360.0);
+  return degrees + 360.0 * std::nearbyint((reference - degrees) / 360.0);
 }
 
 }  // namespace
@@ -76,7 +104,12 @@ Matrix RotationFromChannels(const Channel* order, const double* degrees, int cou
   Matrix result;
   for (int i = 0; i < count; ++i) {
     const int axis = RotationAxis(order[i]);
-    if (axis >= 0) result = result * AxisRotation(axis, degrees[i] * kRadians);
+    if (axis < 0) continue;
+    // The axes of result * rotation. Its offset would be TransformPoint(result, 0), which is
+    // exactly +0 with both offsets +0, so it is left as it is rather than computed.
+    const Matrix rotation = AxisRotation(axis, degrees[i] * kRadians);
+    result = {result.off, TransformVector(result, rotation.v1),
+              TransformVector(result, rotation.v2), TransformVector(result, rotation.v3)};
   }
   return result;
 }
@@ -94,19 +127,27 @@ bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double de
   // R = Ri(a) Rj(b) Rk(c). For a cyclic order (XYZ, YZX, ZXY) R[i][k] = sin b,
   // R[j][k] = -sin a cos b, R[k][k] = cos a cos b; the other three orders mirror the signs.
   const double sign = (j - i + 3) % 3 == 1 ? 1.0 : -1.0;
-  const double cosMiddle = std::hypot(At(r, i, i), At(r, i, j));
-  const double middle = std::atan2(sign * At(r, i, k), cosMiddle);
+  const double cosMiddle = Length(At(r, i, i), At(r, i, j));
+  const double sinMiddle = sign * At(r, i, k);
+  const double middle = std::atan2(sinMiddle, cosMiddle);
+  const Turn middleTurn = TurnOf(sinMiddle, cosMiddle, middle);
   double first = 0.0;
+  Turn firstTurn{1.0, 0.0};
   if (cosMiddle >= kLockCosine) {
-    first = std::atan2(-sign * At(r, j, k), At(r, k, k));
+    const double sinFirst = -sign * At(r, j, k);
+    const double cosFirst = At(r, k, k);
+    first = std::atan2(sinFirst, cosFirst);
+    firstTurn = TurnOf(sinFirst, cosFirst, first);
   } else if (previous != nullptr) {
     first = previous[0] * kRadians;
+    firstTurn = {std::cos(first), std::sin(first)};
   }
   // The third angle from what remains once the first two are undone, so the three compose to the
   // input exactly even where the first angle is poorly conditioned (close to gimbal lock).
   // Only the column AxisAngle reads is formed: each column of a product is computed on its own,
   // so it is the very column the whole product would hold.
-  const Matrix undo = AxisRotation(j, -middle) * AxisRotation(i, -first);
+  const Matrix undo =
+      AxisRotation(j, middleTurn.c, -middleTurn.s) * AxisRotation(i, firstTurn.c, -firstTurn.s);
   static constexpr Vector Matrix::*kColumns[3] = {&Matrix::v1, &Matrix::v2, &Matrix::v3};
   const int read = (k + 1) % 3;  // the column AxisAngle reads
   Matrix rest;
