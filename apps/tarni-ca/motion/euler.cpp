@@ -26,13 +26,18 @@ int RotationAxis(Channel channel) {
   }
 }
 
-// Row `row`, column `column` of the 3x3 part: the columns are the images of the axes. Looked up
-// through tables rather than branches: the conversion reads a dozen entries per joint and frame.
-double At(const Matrix& m, int row, int column) {
+// Column `column` of the 3x3 part (the image of that axis), and component `row` of a vector.
+// Looked up through tables rather than branches: the conversion reads a dozen entries per joint
+// and frame.
+const Vector& Column(const Matrix& m, int column) {
   static constexpr Vector Matrix::*kColumns[3] = {&Matrix::v1, &Matrix::v2, &Matrix::v3};
-  static constexpr double Vector::*kRows[3] = {&Vector::x, &Vector::y, &Vector::z};
-  return m.*kColumns[column].*kRows[row];
+  return m.*kColumns[column];
 }
+double Component(const Vector& v, int row) {
+  static constexpr double Vector::*kRows[3] = {&Vector::x, &Vector::y, &Vector::z};
+  return v.*kRows[row];
+}
+double At(const Matrix& m, int row, int column) { return Component(Column(m, column), row); }
 
 // The rotation about `axis` by the angle whose cosine is `c` and sine `s`.
 Matrix AxisRotation(int axis, double c, double s) {
@@ -80,11 +85,12 @@ Turn TurnOf(double y, double x, double angle) {
   return {x / length, y / length};
 }
 
-// The angle of a rotation about `axis` alone, in radians.
-double AxisAngle(const Matrix& m, int axis) {
-  const int p = (axis + 1) % 3;
-  const int q = (axis + 2) % 3;
-  return std::atan2(At(m, q, p), At(m, p, p));
+// `v` turned about `axis` as AxisRotation(axis, c, s) turns it, in the plane of the other two
+// axes alone.
+Vector TurnAbout(int axis, double c, double s, const Vector& v) {
+  if (axis == 0) return {v.x, c * v.y - s * v.z, s * v.y + c * v.z};
+  if (axis == 1) return {c * v.x + s * v.z, v.y, c * v.z - s * v.x};
+  return {c * v.x - s * v.y, s * v.x + c * v.y, v.z};
 }
 
 bool IsFinite(const Vector& v) {
@@ -143,16 +149,14 @@ bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double de
     firstTurn = {std::cos(first), std::sin(first)};
   }
   // The third angle from what remains once the first two are undone, so the three compose to the
-  // input exactly even where the first angle is poorly conditioned (close to gimbal lock).
-  // Only the column AxisAngle reads is formed: each column of a product is computed on its own,
-  // so it is the very column the whole product would hold.
-  const Matrix undo =
-      AxisRotation(j, middleTurn.c, -middleTurn.s) * AxisRotation(i, firstTurn.c, -firstTurn.s);
-  static constexpr Vector Matrix::*kColumns[3] = {&Matrix::v1, &Matrix::v2, &Matrix::v3};
-  const int read = (k + 1) % 3;  // the column AxisAngle reads
-  Matrix rest;
-  rest.*kColumns[read] = TransformVector(undo, r.*kColumns[read]);
-  const double third = AxisAngle(rest, k);
+  // input exactly even where the first angle is poorly conditioned (close to gimbal lock). What
+  // remains is a rotation about the third axis alone; its angle is read from the image of the
+  // next axis, so only that column is turned back.
+  const int p = (k + 1) % 3;
+  const int q = (k + 2) % 3;
+  const Vector rest = TurnAbout(j, middleTurn.c, -middleTurn.s,
+                                TurnAbout(i, firstTurn.c, -firstTurn.s, Column(r, p)));
+  const double third = std::atan2(Component(rest, q), Component(rest, p));
 
   double primary[3] = {first * kDegrees, middle * kDegrees, third * kDegrees};
   if (previous == nullptr) {
