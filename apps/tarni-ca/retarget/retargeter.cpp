@@ -662,10 +662,12 @@ bool Retargeter::SolveFrame(int64_t frame, std::vector<Matrix>& targetLocals, Io
         TARNI_TRY(_helper->TranslateSrcToDestID(_association, delta));
     const auto& deltas = renamed->GetNodeTransformArray();
 
+    static constexpr Matrix kIdentity{};
     for (size_t j = 0; j < targetCount; ++j) {
       const int parent = target.joints[j].parent;
-      const Matrix parentGlobal = parent >= 0 ? _newGlobals[static_cast<size_t>(parent)] : Matrix();
-      Matrix local = _alignedLocals[j];
+      const Matrix& parentGlobal =
+          parent >= 0 ? _newGlobals[static_cast<size_t>(parent)] : kIdentity;
+      Matrix& local = targetLocals[j];
       if (_settingOf[j]) {
         tarni::CharacterNodeTransform* node = TARNI_TRY(_targetNodes[j].MakeWritable());
         node->SetParentGlobalMatrix(parentGlobal);
@@ -673,8 +675,9 @@ bool Retargeter::SolveFrame(int64_t frame, std::vector<Matrix>& targetLocals, Io
             _targetNodes[j], deltas[_deltaIndexOfTarget[j]], _settingOf[j], _weightOf[j]));
         // Below the root, joints stay at their offsets; the root takes the translated path.
         if (parent >= 0) local.off = _alignedLocals[j].off;
+      } else {
+        local = _alignedLocals[j];
       }
-      targetLocals[j] = local;
       _newGlobals[j] = parentGlobal * local;
     }
     return tarni::OK;
