@@ -5,7 +5,7 @@
 // Both tools get the same joint map: the one tarni-ca's retarget builds from the body-part preset
 // each skeleton picks, read from the set-up it saves (`--save-setup`; the driver that times it
 // must report the same pairs), handed to three.js as its getBoneName. Frames per second: the whole parsed clip
-// retargeted, median of several runs, single thread, parsing excluded (tarni-ca: solver set-up and
+// retargeted, median of several runs with the tools taking turns, single thread, parsing excluded (tarni-ca: solver set-up and
 // every frame solved and turned into output rows; three.js: retargetClip, which samples the source
 // clip and builds the output tracks). Agreement: for every driven joint with a driven child, the
 // angle between the two outputs' world limb directions (joint to its first driven child that does
@@ -26,8 +26,8 @@ import { basename, join } from 'node:path';
 
 import { retargetClip } from 'three/examples/jsm/utils/SkeletonUtils.js';
 
-import { angleDegrees, firstDrivenChild, formatNumber, mapFromSetup, markdownTable, textTable,
-         timeMedian } from './lib.mjs';
+import { angleDegrees, firstDrivenChild, formatNumber, mapFromSetup, markdownTable, median,
+         textTable } from './lib.mjs';
 import { loadThree, threePositions } from './threeside.mjs';
 
 const PAIRS = [
@@ -66,8 +66,12 @@ const sub = (a, b) => [a[0] - b[0], a[1] - b[1], a[2] - b[2]];
 function comparePair(args, pair) {
   const sourcePath = join(args.data, pair.source), targetPath = join(args.data, pair.target);
   const stem = `${basename(pair.source, '.bvh')}-onto-${basename(pair.target, '.bvh')}`;
-  const info = JSON.parse(execFileSync(args.driver, ['retarget', sourcePath, targetPath, '--runs',
-                                                     String(args.runs)], { encoding: 'utf8' }));
+  // Each call of the driver times tarni-ca's job three times after a warm-up run of its own and
+  // reports the median: a run takes a few tens of milliseconds, and the first timed one of a new
+  // process is still slow.
+  const driverRun = () => JSON.parse(execFileSync(args.driver, ['retarget', sourcePath, targetPath,
+                                                                '--runs', '3'], { encoding: 'utf8' }));
+  const info = driverRun();
   // tarni-ca's outputs: its default, and with the target's rest as read (equal rests).
   const outputs = {};
   const setupFile = join(args.out, `${stem}.setup.json`);
@@ -92,10 +96,24 @@ function comparePair(args, pair) {
   const options = () => ({ getBoneName: (bone) => names[bone.name], hip: info.sourceRoot,
                            scale: info.heightRatio });
   let clip = null;
-  const seconds = timeMedian(args.runs, () => {
+  const threeRun = () => {
+    const start = process.hrtime.bigint();
     clip = retargetClip(target.holder, source.holder, source.clip, options());
-  });
-  const threeFps = info.frames / seconds;
+    return Number(process.hrtime.bigint() - start) * 1e-9;
+  };
+  // The two tools take turns, one run each, so that a slow spell of the machine (a shared host's
+  // speed drifts by tens of per cent within minutes) weighs on both figures alike.
+  threeRun();  // warms up the JIT
+  const tarniSeconds = [], tarniSolveSeconds = [], threeSeconds = [];
+  for (let run = 0; run < args.runs; ++run) {
+    const timed = driverRun();
+    tarniSeconds.push(timed.secondsMedian);
+    tarniSolveSeconds.push(timed.solveSecondsMedian);
+    threeSeconds.push(threeRun());
+  }
+  info.framesPerSecond = info.frames / median(tarniSeconds);
+  info.solveFramesPerSecond = info.frames / median(tarniSolveSeconds);
+  const threeFps = info.frames / median(threeSeconds);
 
   const header = outputs.default;
   const driven = (j) => header.joints[j] in names;
@@ -166,10 +184,10 @@ function main() {
   const speedMet = results.every((r) => r.info.framesPerSecond >= 10 * r.threeFps);
   const text = [];
   const md = ['# Retargeting against three.js', ''];
-  text.push(`Retargeting speed (whole parsed clip, median of ${args.runs} runs, single thread):`);
+  text.push(`Retargeting speed (whole parsed clip, median of ${args.runs} runs taken in turns, single thread):`);
   text.push(textTable(fpsHeaders, fpsRows));
   text.push(`target (tarni-ca at least 10x three.js frames/s): ${speedMet ? 'met' : 'missed'}`);
-  md.push(`Speed: whole parsed clip, median of ${args.runs} runs, single thread.`, '',
+  md.push(`Speed: whole parsed clip, median of ${args.runs} runs taken in turns, single thread.`, '',
           markdownTable(fpsHeaders, fpsRows), '',
           `Target (at least 10x three.js frames/s): ${speedMet ? 'met' : 'missed'}.`, '');
   for (const r of results) {
