@@ -127,8 +127,7 @@ bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double de
   const int k = RotationAxis(order[2]);
   if (i < 0 || j < 0 || k < 0 || i == j || j == k || i == k) return false;
   if (!IsFinite(rotation.v1) || !IsFinite(rotation.v2) || !IsFinite(rotation.v3)) return false;
-  Matrix r = rotation;
-  r.off = {};
+  const Matrix& r = rotation;  // its 3x3 part alone is read
 
   // R = Ri(a) Rj(b) Rk(c). For a cyclic order (XYZ, YZX, ZXY) R[i][k] = sin b,
   // R[j][k] = -sin a cos b, R[k][k] = cos a cos b; the other three orders mirror the signs.
