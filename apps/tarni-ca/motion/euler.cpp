@@ -1,13 +1,12 @@
 #include "motion/euler.h"
 
 #include <cmath>
-#include <numbers>
+
+#include "motion/degrees.h"
 
 namespace tarni::host {
 namespace {
 
-constexpr double kDegrees = 180.0 / std::numbers::pi;
-constexpr double kRadians = std::numbers::pi / 180.0;
 // Below this cosine of the middle angle the outer axes are taken as aligned: the first angle can
 // no longer be told apart from the third, and reading it from the matrix would give noise.
 constexpr double kLockCosine = 1e-12;
@@ -55,13 +54,6 @@ Matrix AxisRotation(int axis, double c, double s) {
   return m;
 }
 
-Matrix AxisRotation(int axis, double radians) {
-  // A zero angle, common in motion files for joints that never turn, skips the trigonometry:
-  // cos(+-0) is exactly 1 and sin(+-0) exactly the signed zero itself.
-  if (radians == 0.0) return AxisRotation(axis, 1.0, radians);
-  return AxisRotation(axis, std::cos(radians), std::sin(radians));
-}
-
 // The length of (x, y). The entries of a rotation are at most 1, so the squares neither overflow
 // nor lose the small lengths the lock test looks at; hypot, several times slower, only steps in
 // for a matrix whose squares do overflow.
@@ -70,18 +62,12 @@ double Length(double x, double y) {
   return std::isfinite(length) ? length : std::hypot(x, y);
 }
 
-// The cosine and sine of an angle.
-struct Turn {
-  double c;
-  double s;
-};
-
 // The cosine and sine of atan2(y, x), read off the pair itself scaled to unit length rather than
 // computed from the angle: the same values to rounding, without the trigonometry. A pair too
-// small or too large to scale (never one from a rotation) takes them from `angle`.
-Turn TurnOf(double y, double x, double angle) {
+// small or too large to scale (never one from a rotation) takes them from the angle.
+Turn TurnOf(double y, double x) {
   const double length = Length(x, y);
-  if (!(length > 0.0) || !std::isfinite(length)) return {std::cos(angle), std::sin(angle)};
+  if (!(length > 0.0) || !std::isfinite(length)) return SinCosDegrees(Atan2Degrees(y, x));
   return {x / length, y / length};
 }
 
@@ -104,24 +90,37 @@ double Unwrap(double degrees, double reference) {
   return degrees + 360.0 * std::nearbyint((reference - degrees) / 360.0);
 }
 
-}  // namespace
-
-Matrix RotationFromChannels(const Channel* order, const double* degrees, int count) {
+// The rotations of `count` channels composed left to right, `turnAt(i)` giving channel i's
+// cosine and sine.
+template <typename TurnAt>
+Matrix ComposeChannels(const Channel* order, int count, TurnAt turnAt) {
   Matrix result;
   for (int i = 0; i < count; ++i) {
     const int axis = RotationAxis(order[i]);
     if (axis < 0) continue;
     // The axes of result * rotation. Its offset would be TransformPoint(result, 0), which is
     // exactly +0 with both offsets +0, so it is left as it is rather than computed.
-    const Matrix rotation = AxisRotation(axis, degrees[i] * kRadians);
+    const Turn turn = turnAt(i);
+    const Matrix rotation = AxisRotation(axis, turn.c, turn.s);
     result = {result.off, TransformVector(result, rotation.v1),
               TransformVector(result, rotation.v2), TransformVector(result, rotation.v3)};
   }
   return result;
 }
 
-bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double degreesOut[3],
-                       const double* previous) {
+}  // namespace
+
+Matrix RotationFromChannels(const Channel* order, const double* degrees, int count) {
+  return ComposeChannels(order, count, [&](int i) { return SinCosDegrees(degrees[i]); });
+}
+
+Matrix RotationFromTurns(const Channel* order, const double* cosines, const double* sines,
+                         int count) {
+  return ComposeChannels(order, count, [&](int i) { return Turn{cosines[i], sines[i]}; });
+}
+
+bool SplitRotation(const Matrix& rotation, const Channel order[3], const double* previous,
+                   EulerSplit& split) {
   const int i = RotationAxis(order[0]);
   const int j = RotationAxis(order[1]);
   const int k = RotationAxis(order[2]);
@@ -134,18 +133,21 @@ bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double de
   const double sign = (j - i + 3) % 3 == 1 ? 1.0 : -1.0;
   const double cosMiddle = Length(At(r, i, i), At(r, i, j));
   const double sinMiddle = sign * At(r, i, k);
-  const double middle = std::atan2(sinMiddle, cosMiddle);
-  const Turn middleTurn = TurnOf(sinMiddle, cosMiddle, middle);
-  double first = 0.0;
+  split.y[1] = sinMiddle;
+  split.x[1] = cosMiddle;
+  const Turn middleTurn = TurnOf(sinMiddle, cosMiddle);
   Turn firstTurn{1.0, 0.0};
-  if (cosMiddle >= kLockCosine) {
-    const double sinFirst = -sign * At(r, j, k);
-    const double cosFirst = At(r, k, k);
-    first = std::atan2(sinFirst, cosFirst);
-    firstTurn = TurnOf(sinFirst, cosFirst, first);
+  split.firstGiven = cosMiddle < kLockCosine;
+  split.first = 0.0;
+  split.y[0] = 0.0;
+  split.x[0] = 1.0;
+  if (!split.firstGiven) {
+    split.y[0] = -sign * At(r, j, k);
+    split.x[0] = At(r, k, k);
+    firstTurn = TurnOf(split.y[0], split.x[0]);
   } else if (previous != nullptr) {
-    first = previous[0] * kRadians;
-    firstTurn = {std::cos(first), std::sin(first)};
+    split.first = previous[0];
+    firstTurn = SinCosDegrees(split.first);
   }
   // The third angle from what remains once the first two are undone, so the three compose to the
   // input exactly even where the first angle is poorly conditioned (close to gimbal lock). What
@@ -155,12 +157,17 @@ bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double de
   const int q = (k + 2) % 3;
   const Vector rest = TurnAbout(j, middleTurn.c, -middleTurn.s,
                                 TurnAbout(i, firstTurn.c, -firstTurn.s, Column(r, p)));
-  const double third = std::atan2(Component(rest, q), Component(rest, p));
+  split.y[2] = Component(rest, q);
+  split.x[2] = Component(rest, p);
+  return true;
+}
 
-  double primary[3] = {first * kDegrees, middle * kDegrees, third * kDegrees};
+void FinishEuler(const EulerSplit& split, const double atan2s[3], const double* previous,
+                 double degreesOut[3]) {
+  double primary[3] = {split.firstGiven ? split.first : atan2s[0], atan2s[1], atan2s[2]};
   if (previous == nullptr) {
     for (int n = 0; n < 3; ++n) degreesOut[n] = primary[n];
-    return true;
+    return;
   }
   // The alternate solution: Ri(a + 180) Rj(180 - b) Rk(c + 180) is the same rotation.
   double alternate[3] = {primary[0] + 180.0, 180.0 - primary[1], primary[2] + 180.0};
@@ -175,6 +182,15 @@ bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double de
   }
   const double* best = distance[1] < distance[0] ? alternate : primary;
   for (int n = 0; n < 3; ++n) degreesOut[n] = best[n];
+}
+
+bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double degreesOut[3],
+                       const double* previous) {
+  EulerSplit split;
+  if (!SplitRotation(rotation, order, previous, split)) return false;
+  double atan2s[3];
+  Atan2Degrees(split.y, split.x, 3, atan2s);
+  FinishEuler(split, atan2s, previous, degreesOut);
   return true;
 }
 

@@ -16,6 +16,11 @@ namespace tarni::host {
 // offset is zero.
 tarni::Matrix RotationFromChannels(const Channel* order, const double* degrees, int count);
 
+// RotationFromChannels with each channel's angle given by its cosine and sine (SinCosDegrees of
+// it gives the same bits), for callers that take the trigonometry of a whole frame row at once.
+tarni::Matrix RotationFromTurns(const Channel* order, const double* cosines, const double* sines,
+                                int count);
+
 // The inverse of RotationFromChannels for three distinct rotation channels in `order` (any of the
 // six orders): angles in degrees, in channel order, that compose to the 3x3 part of `rotation`
 // (the offset is ignored; the part should be a rotation). Without `previous` the first and third
@@ -29,5 +34,21 @@ tarni::Matrix RotationFromChannels(const Channel* order, const double* degrees, 
 // that is not finite.
 bool EulerFromRotation(const tarni::Matrix& rotation, const Channel order[3], double degreesOut[3],
                        const double* previous = nullptr);
+
+// EulerFromRotation in two steps around its trigonometry, so that a caller converting many joints
+// takes the atan2 of all of them at once (Atan2Degrees over arrays): SplitRotation gives the
+// three pairs whose atan2 are the angles (or false, as EulerFromRotation), FinishEuler turns
+// those angles into EulerFromRotation's result, bit for bit.
+struct EulerSplit {
+  double y[3];
+  double x[3];
+  // At gimbal lock the first angle is not read from the rotation but given: `first`.
+  bool firstGiven;
+  double first;
+};
+bool SplitRotation(const tarni::Matrix& rotation, const Channel order[3], const double* previous,
+                   EulerSplit& split);
+void FinishEuler(const EulerSplit& split, const double atan2s[3], const double* previous,
+                 double degreesOut[3]);
 
 }  // namespace tarni::host

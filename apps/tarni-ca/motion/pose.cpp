@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "motion/degrees.h"
 #include "motion/euler.h"
 
 namespace tarni::host {
@@ -47,10 +48,11 @@ bool ValuesMatchChannels(const BvhMotion& motion) {
              static_cast<size_t>(motion.frameCount) * static_cast<size_t>(motion.channelCount);
 }
 
-// The joint's local matrix from its slice of a frame row.
-Matrix JointLocal(const BvhJoint& joint, const double* values, PositionMode mode) {
-  Matrix local =
-      RotationFromChannels(joint.channels.data(), values, static_cast<int>(joint.channels.size()));
+// The joint's local matrix from its slice of a frame row and the cosines and sines of that slice.
+Matrix JointLocal(const BvhJoint& joint, const double* values, const double* cosines,
+                  const double* sines, PositionMode mode) {
+  Matrix local = RotationFromTurns(joint.channels.data(), cosines, sines,
+                                   static_cast<int>(joint.channels.size()));
   local.off = Offset(joint);
   for (size_t c = 0; c < joint.channels.size(); ++c) {
     const int axis = PositionAxis(joint.channels[c]);
@@ -149,12 +151,22 @@ void ComputeFrameJoints(const BvhMotion& motion, int64_t frame, std::span<const 
   }
   const bool all = needed.size() < motion.joints.size();
   locals.resize(motion.joints.size());
-  const double* values =
-      motion.values.data() + static_cast<size_t>(frame) * static_cast<size_t>(motion.channelCount);
+  const size_t channels = static_cast<size_t>(motion.channelCount);
+  const double* values = motion.values.data() + static_cast<size_t>(frame) * channels;
+  // The trigonometry of the whole row at once, several angles at a time (position channels
+  // included: skipping them would cost more than their share).
+  static thread_local std::vector<double> cosines, sines;
+  cosines.resize(channels);
+  sines.resize(channels);
+  SinCosDegrees(values, channels, cosines.data(), sines.data());
+  size_t first = 0;
   for (size_t j = 0; j < motion.joints.size(); ++j) {
     const BvhJoint& joint = motion.joints[j];
-    if (all || needed[j] != 0) locals[j] = JointLocal(joint, values, ModeOf(modes, j));
-    values += joint.channels.size();
+    if (all || needed[j] != 0) {
+      locals[j] = JointLocal(joint, values + first, cosines.data() + first, sines.data() + first,
+                             ModeOf(modes, j));
+    }
+    first += joint.channels.size();
   }
   ComputeGlobalsOf(motion, locals, all ? std::span<const uint8_t>() : needed, globals);
 }
@@ -273,6 +285,11 @@ FrameRowWriter::FrameRowWriter(const BvhMotion& motion, std::span<const Position
     }
     _channels += joint.channels.size();
   }
+  // Every joint may convert in one row; sized once so that writing rows allocates nothing.
+  _pending.reserve(_joints.size());
+  _atan2Y.resize(3 * _joints.size());
+  _atan2X.resize(3 * _joints.size());
+  _atan2s.resize(3 * _joints.size());
 }
 
 bool FrameRowWriter::Write(BvhMotion& motion, int64_t frame, std::span<const Matrix> locals) {
@@ -284,6 +301,7 @@ bool FrameRowWriter::Write(BvhMotion& motion, int64_t frame, std::span<const Mat
   const size_t width = static_cast<size_t>(motion.channelCount);
   double* row = motion.values.data() + static_cast<size_t>(frame) * width;
   const double* previousRow = frame > 0 ? row - width : nullptr;
+  _pending.clear();
   for (size_t j = 0; j < _joints.size(); ++j) {
     Joint& plan = _joints[j];
     const BvhJoint& joint = motion.joints[j];
@@ -303,14 +321,19 @@ bool FrameRowWriter::Write(BvhMotion& motion, int64_t frame, std::span<const Mat
                         std::memcmp(plan.axes, axes, sizeof axes) == 0 &&
                         std::memcmp(plan.before, before, sizeof before) == 0;
       if (!same) {
-        double angles[3] = {0.0, 0.0, 0.0};
-        EulerFromRotation(local, plan.order, angles, previous != nullptr ? before : nullptr);
         plan.converted = true;
         plan.hadPrevious = previous != nullptr;
         std::memcpy(plan.axes, axes, sizeof axes);
         std::memcpy(plan.before, before, sizeof before);
-        std::memcpy(plan.angles, angles, sizeof angles);
+        // Angles of a rotation that cannot be converted stay 0, as EulerFromRotation leaves them.
+        std::fill(std::begin(plan.angles), std::end(plan.angles), 0.0);
+        Pending pending{j, {}};
+        if (SplitRotation(local, plan.order, previous != nullptr ? before : nullptr,
+                          pending.split)) {
+          _pending.push_back(pending);
+        }
       }
+      // Written again below for the joints converted in this row.
       for (int n = 0; n < 3; ++n) {
         if (plan.column[n] >= 0) out[plan.column[n]] = plan.angles[n];
       }
@@ -320,6 +343,22 @@ bool FrameRowWriter::Write(BvhMotion& motion, int64_t frame, std::span<const Mat
       const double value = Component(local.off, position.axis);
       out[position.column] =
           plan.mode == PositionMode::kAbsolute ? value : value - joint.offset[position.axis];
+    }
+  }
+  if (_pending.empty()) return true;
+  const size_t count = 3 * _pending.size();
+  for (size_t p = 0; p < _pending.size(); ++p) {
+    std::copy_n(_pending[p].split.y, 3, _atan2Y.data() + 3 * p);
+    std::copy_n(_pending[p].split.x, 3, _atan2X.data() + 3 * p);
+  }
+  Atan2Degrees(_atan2Y.data(), _atan2X.data(), count, _atan2s.data());
+  for (size_t p = 0; p < _pending.size(); ++p) {
+    Joint& plan = _joints[_pending[p].joint];
+    double* out = row + plan.first;
+    FinishEuler(_pending[p].split, _atan2s.data() + 3 * p, plan.hadPrevious ? plan.before : nullptr,
+                plan.angles);
+    for (int n = 0; n < 3; ++n) {
+      if (plan.column[n] >= 0) out[plan.column[n]] = plan.angles[n];
     }
   }
   return true;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "io/bvh.h"
+#include "motion/euler.h"
 #include "tarni/math.h"
 
 namespace tarni::host {
@@ -113,8 +114,17 @@ class FrameRowWriter {
     int axis;    // 0, 1, 2: x, y, z
   };
 
+  // A joint whose angles this row converts: the pairs of its three atan2 are at 3 * its index
+  // in _atan2Y and _atan2X, so that the whole row's atan2 are taken at once.
+  struct Pending {
+    size_t joint;
+    EulerSplit split;
+  };
+
   size_t _channels = 0;  // the joints' channel count, summed
   std::vector<Joint> _joints;
+  std::vector<Pending> _pending;
+  std::vector<double> _atan2Y, _atan2X, _atan2s;
   std::vector<int> _zeroColumns;  // within each joint's slice
   std::vector<PositionColumn> _positions;
 };
