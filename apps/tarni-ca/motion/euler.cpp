@@ -120,7 +120,7 @@ Matrix RotationFromTurns(const Channel* order, const double* cosines, const doub
 }
 
 bool SplitRotation(const Matrix& rotation, const Channel order[3], const double* previous,
-                   EulerSplit& split) {
+                   EulerSplit& split, double y[3], double x[3]) {
   const int i = RotationAxis(order[0]);
   const int j = RotationAxis(order[1]);
   const int k = RotationAxis(order[2]);
@@ -133,18 +133,18 @@ bool SplitRotation(const Matrix& rotation, const Channel order[3], const double*
   const double sign = (j - i + 3) % 3 == 1 ? 1.0 : -1.0;
   const double cosMiddle = Length(At(r, i, i), At(r, i, j));
   const double sinMiddle = sign * At(r, i, k);
-  split.y[1] = sinMiddle;
-  split.x[1] = cosMiddle;
+  y[1] = sinMiddle;
+  x[1] = cosMiddle;
   const Turn middleTurn = TurnOf(sinMiddle, cosMiddle);
   Turn firstTurn{1.0, 0.0};
   split.firstGiven = cosMiddle < kLockCosine;
   split.first = 0.0;
-  split.y[0] = 0.0;
-  split.x[0] = 1.0;
+  y[0] = 0.0;
+  x[0] = 1.0;
   if (!split.firstGiven) {
-    split.y[0] = -sign * At(r, j, k);
-    split.x[0] = At(r, k, k);
-    firstTurn = TurnOf(split.y[0], split.x[0]);
+    y[0] = -sign * At(r, j, k);
+    x[0] = At(r, k, k);
+    firstTurn = TurnOf(y[0], x[0]);
   } else if (previous != nullptr) {
     split.first = previous[0];
     firstTurn = SinCosDegrees(split.first);
@@ -157,8 +157,8 @@ bool SplitRotation(const Matrix& rotation, const Channel order[3], const double*
   const int q = (k + 2) % 3;
   const Vector rest = TurnAbout(j, middleTurn.c, -middleTurn.s,
                                 TurnAbout(i, firstTurn.c, -firstTurn.s, Column(r, p)));
-  split.y[2] = Component(rest, q);
-  split.x[2] = Component(rest, p);
+  y[2] = Component(rest, q);
+  x[2] = Component(rest, p);
   return true;
 }
 
@@ -187,9 +187,11 @@ void FinishEuler(const EulerSplit& split, const double atan2s[3], const double* 
 bool EulerFromRotation(const Matrix& rotation, const Channel order[3], double degreesOut[3],
                        const double* previous) {
   EulerSplit split;
-  if (!SplitRotation(rotation, order, previous, split)) return false;
+  double y[3];
+  double x[3];
+  if (!SplitRotation(rotation, order, previous, split, y, x)) return false;
   double atan2s[3];
-  Atan2Degrees(split.y, split.x, 3, atan2s);
+  Atan2Degrees(y, x, 3, atan2s);
   FinishEuler(split, atan2s, previous, degreesOut);
   return true;
 }

@@ -36,18 +36,16 @@ bool EulerFromRotation(const tarni::Matrix& rotation, const Channel order[3], do
                        const double* previous = nullptr);
 
 // EulerFromRotation in two steps around its trigonometry, so that a caller converting many joints
-// takes the atan2 of all of them at once (Atan2Degrees over arrays): SplitRotation gives the
-// three pairs whose atan2 are the angles (or false, as EulerFromRotation), FinishEuler turns
-// those angles into EulerFromRotation's result, bit for bit.
+// takes the atan2 of all of them at once (Atan2Degrees over arrays): SplitRotation writes the
+// three pairs (y[n], x[n]) whose atan2 are the angles (or returns false, as EulerFromRotation),
+// and FinishEuler turns those angles into EulerFromRotation's result, bit for bit.
 struct EulerSplit {
-  double y[3];
-  double x[3];
   // At gimbal lock the first angle is not read from the rotation but given: `first`.
   bool firstGiven;
   double first;
 };
 bool SplitRotation(const tarni::Matrix& rotation, const Channel order[3], const double* previous,
-                   EulerSplit& split);
+                   EulerSplit& split, double y[3], double x[3]);
 void FinishEuler(const EulerSplit& split, const double atan2s[3], const double* previous,
                  double degreesOut[3]);
 

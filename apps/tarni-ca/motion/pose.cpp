@@ -1,6 +1,7 @@
 #include "motion/pose.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
 
@@ -312,25 +313,32 @@ bool FrameRowWriter::Write(BvhMotion& motion, int64_t frame, std::span<const Mat
       // A repeated axis writes 0: the first one carries the angle.
       for (int z = plan.zeroFirst; z < plan.zeroEnd; ++z)
         out[_zeroColumns[static_cast<size_t>(z)]] = 0.0;
+      // Compared value by value as they are read (a block compare would load them back from
+      // memory before their stores have landed).
       double before[3] = {0.0, 0.0, 0.0};
+      bool same = plan.converted && plan.hadPrevious == (previous != nullptr);
       for (int n = 0; n < 3; ++n) {
         if (previous != nullptr && plan.column[n] >= 0) before[n] = previous[plan.column[n]];
+        same =
+            same && std::bit_cast<uint64_t>(before[n]) == std::bit_cast<uint64_t>(plan.before[n]);
       }
-      const tarni::Vector axes[3] = {local.v1, local.v2, local.v3};
-      const bool same = plan.converted && plan.hadPrevious == (previous != nullptr) &&
-                        std::memcmp(plan.axes, axes, sizeof axes) == 0 &&
-                        std::memcmp(plan.before, before, sizeof before) == 0;
+      const tarni::Vector* axes[3] = {&local.v1, &local.v2, &local.v3};
+      for (int n = 0; n < 3; ++n)
+        same = same && std::memcmp(&plan.axes[n], axes[n], sizeof plan.axes[n]) == 0;
       if (!same) {
         plan.converted = true;
         plan.hadPrevious = previous != nullptr;
-        std::memcpy(plan.axes, axes, sizeof axes);
-        std::memcpy(plan.before, before, sizeof before);
+        for (int n = 0; n < 3; ++n) plan.axes[n] = *axes[n];
+        std::copy_n(before, 3, plan.before);
         // Angles of a rotation that cannot be converted stay 0, as EulerFromRotation leaves them.
         std::fill(std::begin(plan.angles), std::end(plan.angles), 0.0);
-        Pending pending{j, {}};
-        if (SplitRotation(local, plan.order, previous != nullptr ? before : nullptr,
-                          pending.split)) {
-          _pending.push_back(pending);
+        // Split straight into the row's atan2 arguments.
+        const size_t slot = _pending.size();
+        Pending& pending = _pending.emplace_back();
+        pending.joint = j;
+        if (!SplitRotation(local, plan.order, previous != nullptr ? before : nullptr, pending.split,
+                           _atan2Y.data() + 3 * slot, _atan2X.data() + 3 * slot)) {
+          _pending.pop_back();
         }
       }
       // Written again below for the joints converted in this row.
@@ -347,10 +355,6 @@ bool FrameRowWriter::Write(BvhMotion& motion, int64_t frame, std::span<const Mat
   }
   if (_pending.empty()) return true;
   const size_t count = 3 * _pending.size();
-  for (size_t p = 0; p < _pending.size(); ++p) {
-    std::copy_n(_pending[p].split.y, 3, _atan2Y.data() + 3 * p);
-    std::copy_n(_pending[p].split.x, 3, _atan2X.data() + 3 * p);
-  }
   Atan2Degrees(_atan2Y.data(), _atan2X.data(), count, _atan2s.data());
   for (size_t p = 0; p < _pending.size(); ++p) {
     Joint& plan = _joints[_pending[p].joint];
