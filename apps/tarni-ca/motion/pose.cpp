@@ -154,8 +154,8 @@ void ComputeFrameJoints(const BvhMotion& motion, int64_t frame, std::span<const 
   locals.resize(motion.joints.size());
   const size_t channels = static_cast<size_t>(motion.channelCount);
   const double* values = motion.values.data() + static_cast<size_t>(frame) * channels;
-  // The trigonometry of the whole row at once, several angles at a time (position channels
-  // included: skipping them would cost more than their share).
+  // The trigonometry of the whole row at once, several angles at a time. Position channels go
+  // through it too, so that the loop runs over one contiguous row; their results are not read.
   static thread_local std::vector<double> cosines, sines;
   cosines.resize(channels);
   sines.resize(channels);
