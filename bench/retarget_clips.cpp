@@ -43,6 +43,21 @@ void ParseClip(benchmark::State& state, const std::string* text, const std::stri
                           static_cast<int64_t>(text->size()));
 }
 
+// The clip written back as BVH text, as each retargeted clip is before it goes to its file.
+void WriteClip(benchmark::State& state, const BvhMotion* motion) {
+  int64_t bytes = 0;
+  for (auto _ : state) {
+    const std::string text = WriteBvh(*motion);
+    if (text.empty()) {
+      state.SkipWithError("the clip could not be written");
+      return;
+    }
+    bytes += static_cast<int64_t>(text.size());
+    benchmark::DoNotOptimize(text.data());
+  }
+  state.SetBytesProcessed(bytes);
+}
+
 struct Pair {
   BvhMotion source;
   BvhMotion target;
@@ -105,6 +120,8 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "skipping %s: %s\n", clips[i].c_str(), error.ToText().c_str());
       continue;
     }
+    benchmark::RegisterBenchmark(("write/" + clips[i]).c_str(), &WriteClip, &pair->source)
+        ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark(("retarget/" + clips[i]).c_str(), &RetargetClip, pair.get())
         ->Unit(benchmark::kMillisecond);
     texts.push_back(std::move(text));

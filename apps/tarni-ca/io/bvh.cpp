@@ -78,6 +78,9 @@ std::string Quote(std::string_view token) {
   return text;
 }
 
+// The longest shortest form of a double, "-2.2250738585072014e-308", and a separator.
+constexpr size_t kLongestDouble = 25;
+
 // Appends `value` in its shortest form that reads back as the same double.
 void AppendDouble(std::string& out, double value) {
   char buffer[32];
@@ -813,12 +816,11 @@ std::string WriteBvhImpl(const BvhMotion& motion) {
                : std::min<int64_t>(rows, static_cast<int64_t>(motion.values.size()) / stride);
   }
 
-  // Room for the longest rows, so the text is never moved while it grows: the shortest form of a
-  // double takes at most 24 characters ("-2.2250738585072014e-308"), plus its separator. Pages of
-  // the reserve that shorter numbers leave unwritten are never touched.
+  // Room for the longest rows, so the text is never moved while it grows. Pages of the reserve
+  // that shorter numbers leave unwritten are never touched.
   std::string out;
   try {
-    out.reserve(static_cast<size_t>(rows * written * 25 + rows + 1024 + count * 160));
+    out.reserve(static_cast<size_t>(rows * written * kLongestDouble + rows + 1024 + count * 160));
   } catch (const std::bad_alloc&) {
     // Without the room reserved the text still grows as far as memory allows.
   }
@@ -896,17 +898,26 @@ std::string WriteBvhImpl(const BvhMotion& motion) {
   out += "\nFrame Time: ";
   AppendDouble(out, motion.frameTime);
   out += '\n';
+  // Each row is formatted straight into the text: room for its longest form is opened, and what
+  // its numbers leave unused is cut off again. Appending number by number would copy every one of
+  // them once more, a call each.
+  const size_t rowRoom = static_cast<size_t>(written) * kLongestDouble + 1;
   for (int64_t row = 0; row < rows; ++row) {
     const double* values = motion.values.data() + row * stride;
+    const size_t at = out.size();
+    out.resize(at + rowRoom);
+    char* next = out.data() + at;
+    char* const end = out.data() + out.size();
     bool first = true;
     for (size_t joint : order) {
       for (int64_t c = firstColumn[joint]; c < firstColumn[joint + 1]; ++c) {
-        if (!first) out += ' ';
+        if (!first) *next++ = ' ';
         first = false;
-        AppendDouble(out, values[c]);
+        next = std::to_chars(next, end, values[c]).ptr;
       }
     }
-    out += '\n';
+    *next++ = '\n';
+    out.resize(static_cast<size_t>(next - out.data()));
   }
   return out;
 }

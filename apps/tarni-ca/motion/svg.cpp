@@ -52,35 +52,63 @@ void AppendEscaped(std::string& out, std::string_view text) {
   }
 }
 
-void OpenSvg(std::string& out, double width, double height) {
-  out += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
-  out += "<svg xmlns=\"http://www.w3.org/2000/svg\" version=\"1.1\" width=\"";
-  AppendNumber(out, width);
-  out += "\" height=\"";
-  AppendNumber(out, height);
-  out += "\" viewBox=\"0 0 ";
-  AppendNumber(out, width);
-  out += ' ';
-  AppendNumber(out, height);
-  out += "\" font-family=\"sans-serif\">\n";
-  out += "<rect x=\"0\" y=\"0\" width=\"";
-  AppendNumber(out, width);
-  out += "\" height=\"";
-  AppendNumber(out, height);
-  out += "\" fill=\"white\"/>\n";
+// Appends two numbers as AppendNumber writes them, with `separator` between them: a point of a
+// path or polyline, or a pair inside a longer attribute value.
+void AppendPair(std::string& out, double x, double y, char separator) {
+  AppendNumber(out, x);
+  out += separator;
+  AppendNumber(out, y);
 }
 
+// Appends ` name="value"`, the value written as AppendNumber writes it.
+void Attribute(std::string& out, std::string_view name, double value, int decimals = 2) {
+  out += ' ';
+  out += name;
+  out += "=\"";
+  AppendNumber(out, value, decimals);
+  out += '"';
+}
+
+// Appends ` name="value"` with the value as it is, unescaped: values are this file's own class
+// names, colours, keywords and number lists, none of which holds a character markup reserves.
+// Text from outside (titles, curve names) goes through AppendEscaped as element content instead.
+void Attribute(std::string& out, std::string_view name, std::string_view value) {
+  out += ' ';
+  out += name;
+  out += "=\"";
+  out += value;
+  out += '"';
+}
+
+void OpenSvg(std::string& out, double width, double height) {
+  out += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+  out += "<svg";
+  Attribute(out, "xmlns", "http://www.w3.org/2000/svg");
+  Attribute(out, "version", "1.1");
+  Attribute(out, "width", width);
+  Attribute(out, "height", height);
+  std::string viewBox = "0 0 ";
+  AppendPair(viewBox, width, height, ' ');
+  Attribute(out, "viewBox", viewBox);
+  Attribute(out, "font-family", "sans-serif");
+  out += ">\n";
+  out += "<rect";
+  Attribute(out, "x", "0");
+  Attribute(out, "y", "0");
+  Attribute(out, "width", width);
+  Attribute(out, "height", height);
+  Attribute(out, "fill", "white");
+  out += "/>\n";
+}
+
+// `extra` is further attributes, written as they are after a space.
 void Text(std::string& out, double x, double y, std::string_view text, int size,
           std::string_view anchor = "start", std::string_view extra = "") {
-  out += "<text x=\"";
-  AppendNumber(out, x);
-  out += "\" y=\"";
-  AppendNumber(out, y);
-  out += "\" font-size=\"";
-  out += std::to_string(size);
-  out += "\" text-anchor=\"";
-  out += anchor;
-  out += '"';
+  out += "<text";
+  Attribute(out, "x", x);
+  Attribute(out, "y", y);
+  Attribute(out, "font-size", std::to_string(size));
+  Attribute(out, "text-anchor", anchor);
   if (!extra.empty()) {
     out += ' ';
     out += extra;
@@ -92,36 +120,41 @@ void Text(std::string& out, double x, double y, std::string_view text, int size,
 
 void Line(std::string& out, std::string_view cls, double x1, double y1, double x2, double y2,
           std::string_view colour, double width) {
-  out += "<line class=\"";
-  out += cls;
-  out += "\" x1=\"";
-  AppendNumber(out, x1);
-  out += "\" y1=\"";
-  AppendNumber(out, y1);
-  out += "\" x2=\"";
-  AppendNumber(out, x2);
-  out += "\" y2=\"";
-  AppendNumber(out, y2);
-  out += "\" stroke=\"";
-  out += colour;
-  out += "\" stroke-width=\"";
-  AppendNumber(out, width, 1);
-  out += "\" stroke-linecap=\"round\"/>\n";
+  out += "<line";
+  Attribute(out, "class", cls);
+  Attribute(out, "x1", x1);
+  Attribute(out, "y1", y1);
+  Attribute(out, "x2", x2);
+  Attribute(out, "y2", y2);
+  Attribute(out, "stroke", colour);
+  Attribute(out, "stroke-width", width, 1);
+  Attribute(out, "stroke-linecap", "round");
+  out += "/>\n";
 }
 
 void Dot(std::string& out, std::string_view cls, double x, double y, double radius,
          std::string_view colour) {
-  out += "<circle class=\"";
-  out += cls;
-  out += "\" cx=\"";
-  AppendNumber(out, x);
-  out += "\" cy=\"";
-  AppendNumber(out, y);
-  out += "\" r=\"";
-  AppendNumber(out, radius, 1);
-  out += "\" fill=\"";
-  out += colour;
-  out += "\"/>\n";
+  out += "<circle";
+  Attribute(out, "class", cls);
+  Attribute(out, "cx", x);
+  Attribute(out, "cy", y);
+  Attribute(out, "r", radius, 1);
+  Attribute(out, "fill", colour);
+  out += "/>\n";
+}
+
+// A rectangle; an empty `cls` writes no class.
+void Rect(std::string& out, std::string_view cls, double x, double y, double width, double height,
+          std::string_view fill, std::string_view stroke) {
+  out += "<rect";
+  if (!cls.empty()) Attribute(out, "class", cls);
+  Attribute(out, "x", x);
+  Attribute(out, "y", y);
+  Attribute(out, "width", width);
+  Attribute(out, "height", height);
+  Attribute(out, "fill", fill);
+  Attribute(out, "stroke", stroke);
+  out += "/>\n";
 }
 
 bool Finite(const Vector& v) {
@@ -295,15 +328,7 @@ std::string StickFiguresSvg(std::span<const StickFigureRow> rows,
       };
       auto sy = [&](const Vector& p) { return groundY - (p.y - bottom) * scale; };
       out += "<g class=\"figure\">\n";
-      out += "<rect x=\"";
-      AppendNumber(out, left + 2);
-      out += "\" y=\"";
-      AppendNumber(out, cellTop);
-      out += "\" width=\"";
-      AppendNumber(out, cellWidth - 4);
-      out += "\" height=\"";
-      AppendNumber(out, cellHeight - 2);
-      out += "\" fill=\"#f6f6f6\" stroke=\"#dddddd\"/>\n";
+      Rect(out, "", left + 2, cellTop, cellWidth - 4, cellHeight - 2, "#f6f6f6", "#dddddd");
       if (bottom <= 0.0 && top >= 0.0) {
         const double y = groundY + bottom * scale;
         Line(out, "ground", left + 8, y, left + cellWidth - 8, y, "#bbbbbb", 1.0);
@@ -470,15 +495,7 @@ void CurvePanel(std::string& out, const std::string& name, const Curve* original
   };
 
   // Frame, grid and tick labels.
-  out += "<rect class=\"plot\" x=\"";
-  AppendNumber(out, plotLeft);
-  out += "\" y=\"";
-  AppendNumber(out, plotTop);
-  out += "\" width=\"";
-  AppendNumber(out, plotWidth);
-  out += "\" height=\"";
-  AppendNumber(out, plotHeight);
-  out += "\" fill=\"#fbfbfb\" stroke=\"#999999\"/>\n";
+  Rect(out, "plot", plotLeft, plotTop, plotWidth, plotHeight, "#fbfbfb", "#999999");
   const double timeStep = TickStep(times.high - times.low, 8);
   const int timeDecimals = DecimalsFor(timeStep);
   // Ticks by whole multiples of the step, so no sum of steps drifts or stalls.
@@ -503,31 +520,29 @@ void CurvePanel(std::string& out, const std::string& name, const Curve* original
   Text(out, plotLeft + plotWidth / 2, plotTop + plotHeight + 30, "time (s)", 11, "middle");
   const double middle = plotTop + plotHeight / 2;
   std::string rotate = "transform=\"rotate(-90 ";
-  AppendNumber(rotate, left + 14);
-  rotate += ' ';
-  AppendNumber(rotate, middle);
+  AppendPair(rotate, left + 14, middle, ' ');
   rotate += ")\"";
   Text(out, left + 14, middle, "value", 11, "middle", rotate);
 
   if (original != nullptr && !original->keys.empty()) {
-    out +=
-        "<polyline class=\"original\" fill=\"none\" stroke=\"#8c8c8c\" stroke-width=\"1\" "
-        "points=\"";
-    bool first = true;
+    std::string points;
     for (const CurveKey& key : original->keys) {
       const Point p = PositionOf(key);
       if (!Finite(p)) continue;
-      if (!first) out += ' ';
-      first = false;
-      AppendNumber(out, sx(p.x));
-      out += ',';
-      AppendNumber(out, sy(p.y));
+      if (!points.empty()) points += ' ';
+      AppendPair(points, sx(p.x), sy(p.y), ',');
     }
-    out += "\"/>\n";
+    out += "<polyline";
+    Attribute(out, "class", "original");
+    Attribute(out, "fill", "none");
+    Attribute(out, "stroke", "#8c8c8c");
+    Attribute(out, "stroke-width", "1");
+    Attribute(out, "points", points);
+    out += "/>\n";
   }
   if (reduced != nullptr && !reduced->keys.empty()) {
     // One path of cubic segments; a segment with a non-finite point restarts the path after it.
-    out += "<path class=\"reduced\" fill=\"none\" stroke=\"#d2691e\" stroke-width=\"2.2\" d=\"";
+    std::string d;
     bool open = false;
     for (size_t k = 0; k + 1 < reduced->keys.size(); ++k) {
       Point c[4];
@@ -537,29 +552,29 @@ void CurvePanel(std::string& out, const std::string& name, const Curve* original
         continue;
       }
       if (!open) {
-        out += "M ";
-        AppendNumber(out, sx(c[0].x));
-        out += ' ';
-        AppendNumber(out, sy(c[0].y));
+        d += "M ";
+        AppendPair(d, sx(c[0].x), sy(c[0].y), ' ');
         open = true;
       }
-      out += " C ";
+      d += " C ";
       for (int n = 1; n < 4; ++n) {
-        AppendNumber(out, sx(c[n].x));
-        out += ' ';
-        AppendNumber(out, sy(c[n].y));
-        if (n < 3) out += ' ';
+        AppendPair(d, sx(c[n].x), sy(c[n].y), ' ');
+        if (n < 3) d += ' ';
       }
-      out += ' ';
+      d += ' ';
     }
     if (reduced->keys.size() == 1 && Finite(PositionOf(reduced->keys[0]))) {
-      out += "M ";
-      AppendNumber(out, sx(reduced->keys[0].position[0]));
-      out += ' ';
-      AppendNumber(out, sy(reduced->keys[0].position[1]));
+      d += "M ";
+      AppendPair(d, sx(reduced->keys[0].position[0]), sy(reduced->keys[0].position[1]), ' ');
     }
-    while (!out.empty() && out.back() == ' ') out.pop_back();
-    out += "\"/>\n";
+    while (!d.empty() && d.back() == ' ') d.pop_back();
+    out += "<path";
+    Attribute(out, "class", "reduced");
+    Attribute(out, "fill", "none");
+    Attribute(out, "stroke", "#d2691e");
+    Attribute(out, "stroke-width", "2.2");
+    Attribute(out, "d", d);
+    out += "/>\n";
     for (const CurveKey& key : reduced->keys) {
       const Point p = PositionOf(key);
       if (Finite(p)) Dot(out, "key", sx(p.x), sy(p.y), 3.2, "#d2691e");

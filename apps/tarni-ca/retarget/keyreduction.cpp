@@ -9,7 +9,6 @@
 #include "tarni/animationcommands.h"
 
 namespace tarni::host {
-namespace {}  // namespace
 
 tarni::Result<void> ReduceCurves(const CurveFile& input, float strength, CurveFile& output) {
   tarni::KeyCurves curves;
