@@ -1,5 +1,9 @@
+#include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <span>
+#include <string_view>
 #include <typeinfo>
 
 #include "character/lookups.h"
@@ -90,6 +94,63 @@ constexpr const char* kSettingLabels[] = {
     "_settings : SKELTRANSFERPOS",        "_settings : SKELTRANSFERROT",
     "_settings : SKELTRANSFERSCALE",      "_settings : EXPOSEINSOLVER",
     "_settings : SKELTRANSFERATTRIBUTES",
+};
+
+// The text of a dump, collected a line at a time. A dump has no error channel: when a line cannot
+// be added, the text collected so far is dropped and the dump goes on from an empty text with the
+// next line, so what is left is always whole lines, never a value without its label.
+class DumpText {
+ public:
+  DumpText& Add(std::string_view piece) noexcept {
+    if (_lineLost || piece.empty()) return *this;
+    const Int needed = _text.GetCount() + static_cast<Int>(piece.size());
+    if (needed > _text.GetCapacity() &&
+        _text.EnsureCapacity(std::max({needed, _text.GetCapacity() * 2, Int{256}})).has_error()) {
+      LoseLine();
+      return *this;
+    }
+    // The room is there: appending cannot fail any more.
+    (void)_text.AppendAll(std::span<const char>(piece.data(), piece.size()));
+    return *this;
+  }
+  DumpText& Add(const String& piece) noexcept { return Add(piece.GetView()); }
+  DumpText& AddInt(Int value) noexcept {
+    char digits[24];
+    const auto written = std::to_chars(digits, digits + sizeof(digits), value);
+    return Add(std::string_view(digits, static_cast<std::size_t>(written.ptr - digits)));
+  }
+  // A piece the framework renders into a text builder (a Uuid, an enumeration member), which is
+  // never empty: rendered on its own, it comes back empty only when it could not get its memory.
+  template <typename Render>
+  DumpText& AddRendered(Render render) noexcept {
+    if (_lineLost) return *this;
+    TextBuilder piece;
+    render(piece);
+    if (piece.GetView().empty()) {
+      LoseLine();
+      return *this;
+    }
+    return Add(piece.GetView());
+  }
+  // Ends the line; a lost line ends here too, and the next one is collected again.
+  void EndLine() noexcept {
+    Add("\n");
+    _lineLost = false;
+  }
+  // The collected text (the empty string when even its copy cannot be made).
+  String ToString() const noexcept {
+    auto made = String::Make(
+        std::string_view(_text.GetFirst(), static_cast<std::size_t>(_text.GetCount())));
+    return made ? std::move(made).value() : String();
+  }
+
+ private:
+  void LoseLine() noexcept {
+    _text.Flush();
+    _lineLost = true;
+  }
+  BaseArray<char> _text;
+  bool _lineLost = false;
 };
 
 // A hierarchy child that is not a body part cannot answer for its subtree.
@@ -189,24 +250,22 @@ class CharacterBodyPartImpl final
   }
 
   String ToString(const FormatStatement* format = nullptr) const noexcept override {
-    TextBuilder out;
-    out.Append("Name : ").Append(_name).Append('\n');
-    out.Append("Identifier : ");
-    _identifier.AppendText(out);
-    out.Append('\n');
+    DumpText out;
+    out.Add("Name : ").Add(_name).EndLine();
+    out.Add("Identifier : ").Add(_identifier.GetText()).EndLine();
     AppendUuidList(out, "Controllers (", _controllers, format);
     AppendUuidList(out, "Skeleton Nodes (", _skeletonNodes, format);
     AppendStringList(out, "Skeleton Keywords (", _skeletonKeywords);
     AppendStringList(out, "Skeleton Discard Keywords (", _skeletonDiscardKeywords);
     std::uint32_t flag = 0;
     for (const char* label : kSettingLabels) {
-      out.Append(label);
-      AppendBool(out, GetSettingValue(static_cast<BodyPartSettingFlag>(flag++)));
-      out.Append('\n');
+      const bool value = GetSettingValue(static_cast<BodyPartSettingFlag>(flag++));
+      out.Add(label).Add(value ? kTrueText : kFalseText).EndLine();
     }
-    out.Append("_attributeTransferMode");
-    AppendEnumText(out, kModeType, static_cast<std::int64_t>(_attributeTransferMode));
-    out.Append('\n');
+    out.Add("_attributeTransferMode").AddRendered([this](TextBuilder& piece) noexcept {
+      AppendEnumText(piece, kModeType, static_cast<std::int64_t>(_attributeTransferMode));
+    });
+    out.EndLine();
     return out.ToString();
   }
 
@@ -316,19 +375,19 @@ class CharacterBodyPartImpl final
     return total;
   }
 
-  static void AppendUuidList(TextBuilder& out, const char* heading, const BaseArray<Uuid>& list,
+  static void AppendUuidList(DumpText& out, const char* heading, const BaseArray<Uuid>& list,
                              const FormatStatement* format) noexcept {
-    out.Append(heading).AppendInt(list.GetCount()).Append(") :\n");
+    out.Add(heading).AddInt(list.GetCount()).Add(") :").EndLine();
     for (const Uuid& id : list) {
-      out.Append('\t');
-      id.AppendText(out, format);
-      out.Append('\n');
+      out.Add("\t").AddRendered(
+          [&id, format](TextBuilder& piece) noexcept { id.AppendText(piece, format); });
+      out.EndLine();
     }
   }
-  static void AppendStringList(TextBuilder& out, const char* heading,
+  static void AppendStringList(DumpText& out, const char* heading,
                                const BaseArray<String>& list) noexcept {
-    out.Append(heading).AppendInt(list.GetCount()).Append(") :\n");
-    for (const String& text : list) out.Append('\t').Append(text).Append('\n');
+    out.Add(heading).AddInt(list.GetCount()).Add(") :").EndLine();
+    for (const String& text : list) out.Add("\t").Add(text).EndLine();
   }
 
   InternedId _identifier;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "kernel/fault_loop.h"
 #include "source/module/units.h"
 #include "tarni/characterbodypart.h"
 #include "tarni/charactertree.h"
@@ -97,6 +98,31 @@ TEST(CharacterBodyPart, DumpsOwnNameSettingsAndMode) {
             "\tarm\n_settings : SKELTRANSFERPOSfalse\n_settings : SKELTRANSFERROTfalse\n"
             "_settings : SKELTRANSFERSCALEfalse\n_settings : EXPOSEINSOLVERtrue\n"
             "_settings : SKELTRANSFERATTRIBUTESfalse\n_attributeTransferModeBOTH\n");
+}
+
+TEST(CharacterBodyPart, DumpShortOfMemoryKeepsOnlyWholeLines) {
+  CharacterBodyPartRef arm = MakePart("arm", "Arm"_s);
+  NameMember(arm) = "Arm"_s;
+  ASSERT_TRUE(arm->SetControllers(Uuids({1, 2})));
+  BaseArray<String> keywords;
+  ASSERT_TRUE(keywords.Append("shoulder"_s));
+  ASSERT_TRUE(arm->SetSkeletonKeywords(keywords));
+  const std::string whole(arm->ToString().GetView());
+
+  // Whatever allocation fails, the dump holds the lines after the one that could not be added,
+  // each whole: never a value without its label, nor an entry without its tab.
+  int linesLeft = 0;
+  const auto failures = testing::ForEachFailingAllocation(
+      [] {}, [&] { return arm->ToString(); },
+      [&](const String& text, bool hit) {
+        const std::string_view dump = text.GetView();
+        ASSERT_TRUE(std::string_view(whole).ends_with(dump)) << dump;
+        const std::size_t start = whole.size() - dump.size();
+        EXPECT_TRUE(start == 0 || whole[start - 1] == '\n') << dump;
+        if (hit && !dump.empty()) ++linesLeft;
+      });
+  EXPECT_GE(failures, 1);
+  EXPECT_GE(linesLeft, 1);
 }
 
 TEST(CharacterBodyPart, ListSettersReplaceOrLeaveListEmpty) {
