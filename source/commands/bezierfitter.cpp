@@ -38,10 +38,21 @@ FitPoint Normalized(FitPoint a) noexcept {
   return a;
 }
 
-// A fitted vector back in value units. Only values computed by the fit go through here: values the
-// fit carries over are copied from the input keys, so that they come back bit for bit (dividing
-// by the scale and multiplying again would move about one value in ten by an ulp).
-KeyVector Denormalized(FitPoint v, float scale) noexcept { return {v.x, v.y * scale}; }
+KeyVector ToKeyVector(FitPoint v) noexcept { return {v.x, v.y}; }
+
+// The value components of a key divided by the scale (for fitting) or multiplied by it (back in
+// value units). Every key of the result makes this round trip, the ones taken over included, so
+// that all of them are treated alike.
+void DivideValues(Key& key, float scale) noexcept {
+  key.position.y /= scale;
+  key.leftTangent.y /= scale;
+  key.rightTangent.y /= scale;
+}
+void MultiplyValues(Key& key, float scale) noexcept {
+  key.position.y *= scale;
+  key.leftTangent.y *= scale;
+  key.rightTangent.y *= scale;
+}
 
 // De Casteljau evaluation of a Bezier of degree `Degree` at t.
 template <int Degree>
@@ -388,21 +399,19 @@ Result<KeyArray> KeyFitter::Fit(const KeyArray* curve, bool useLockedKeys, bool 
     TARNI_TRY(result.Append((*curve)[count - 1]));
     return result;
   }
-  _scale = scale;
   _tolerance = strength * strength * strength * 0.8f;
   _newKeyFlags = useKeySelection ? KEYFLAG_SELECTED : 0u;
 
-  std::span<const Key> keys = curve->AsSpan();
-  const bool anyIgnored = std::any_of(
-      keys.begin(), keys.end(), [](const Key& key) { return (key.flags & KEYFLAG_IGNORED) != 0; });
-  if (anyIgnored) {
-    _filtered.Flush();
-    TARNI_TRY(_filtered.EnsureCapacity(count));
-    for (const Key& key : keys) {
-      if ((key.flags & KEYFLAG_IGNORED) == 0) TARNI_TRY(_filtered.Append(key));
-    }
-    keys = _filtered.AsSpan();
+  // The keys the fit works on: the curve without its ignored keys, values divided by the scale.
+  _normalised.Flush();
+  TARNI_TRY(_normalised.EnsureCapacity(count));
+  for (const Key& key : *curve) {
+    if ((key.flags & KEYFLAG_IGNORED) != 0) continue;
+    Key copy = key;
+    DivideValues(copy, scale);
+    TARNI_TRY(_normalised.Append(copy));
   }
+  const std::span<const Key> keys = _normalised.AsSpan();
 
   TARNI_TRY(SplitRuns(keys, useLockedKeys, useKeySelection));
   _output.Flush();
@@ -420,6 +429,7 @@ Result<KeyArray> KeyFitter::Fit(const KeyArray* curve, bool useLockedKeys, bool 
       TARNI_TRY(TakeOver(runKeys, merge));
     }
   }
+  for (Key& key : _output) MultiplyValues(key, scale);
   // Values near the float limit, or keys so far apart in time that the unnormalised handles
   // (which grow with the square of the spacing) leave the float range, make a fitted tangent
   // overflow. No curve with such a tangent can be stored or evaluated, so the curve is turned
@@ -488,7 +498,7 @@ Result<void> KeyFitter::FitRun(std::span<const Key> run, bool merge) noexcept {
   for (Int i = 0; i < n; ++i) {
     const Key& key = run[static_cast<std::size_t>(i)];
     x[i] = key.position.x;
-    y[i] = key.position.y / _scale;
+    y[i] = key.position.y;
     _lengths[i] = i == 0 ? 0.0f : Distance({x[i], y[i]}, {x[i - 1], y[i - 1]});
     // A magnet key's error weighs 1.5 times; multiplying the others by 1 changes no bit.
     _weights[i] = (key.flags & KEYFLAG_MAGNET) != 0 ? 1.5f : 1.0f;
@@ -525,8 +535,8 @@ Result<void> KeyFitter::FitCubic(std::span<const Key> run, Int first, Int last, 
     if (task.last - task.first == 1) {
       // The tangents are deliberately used without normalising them.
       const float d = Distance({x[task.last], y[task.last]}, {x[task.first], y[task.first]}) / 3.0f;
-      _output.GetLast().rightTangent = Denormalized(task.tHat1 * d, _scale);
-      created.leftTangent = Denormalized(task.tHat2 * d, _scale);
+      _output.GetLast().rightTangent = ToKeyVector(task.tHat1 * d);
+      created.leftTangent = ToKeyVector(task.tHat2 * d);
       TARNI_TRY(_output.Append(created));
       continue;
     }
@@ -569,8 +579,8 @@ Result<void> KeyFitter::FitCubic(std::span<const Key> run, Int first, Int last, 
       const Int worst = LastIndexOf(errors, 1, span, maxError);
       if (worst >= 1) split = task.first + worst;
       if (maxError < _tolerance && valid) {
-        _output.GetLast().rightTangent = Denormalized(b[1] - b[0], _scale);
-        created.leftTangent = Denormalized(b[2] - b[3], _scale);
+        _output.GetLast().rightTangent = ToKeyVector(b[1] - b[0]);
+        created.leftTangent = ToKeyVector(b[2] - b[3]);
         TARNI_TRY(_output.Append(created));
         accepted = true;
         break;

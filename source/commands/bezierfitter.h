@@ -3,7 +3,9 @@
 // in the keys' tangents) follow the curve within a tolerance set by a strength.
 //
 // All arithmetic is float32. Values are normalised by the curve's largest |value| while fitting,
-// so the tolerance does not depend on the curve's value scale.
+// so the tolerance does not depend on the curve's value scale. Every key of a fitted result has
+// been through that division and the multiplication back, the keys taken over unchanged
+// included, so their values may differ from the input's in the last bit.
 #pragma once
 
 #include <cstdint>
@@ -67,11 +69,10 @@ class KeyFitter {
                         FitPoint tHat2) noexcept;
 
   // Per-curve settings.
-  float _scale = 1.0f;  // the largest |value| of the curve being fitted
   float _tolerance = 0.0f;
   std::uint32_t _newKeyFlags = 0;
 
-  KeyArray _filtered;  // the curve without its ignored keys, when it has any
+  KeyArray _normalised;  // the curve without its ignored keys, values divided by the scale
   BaseArray<KeyRun> _runs;
   KeyArray _output;
   // The run's keys, times and normalised values apart so that four keys load at once.
@@ -97,7 +98,8 @@ class KeyFitter {
 // - an absent curve gives an empty array; a curve of fewer than three keys comes back as it is;
 // - a curve whose values all lie within ±1e-05 becomes exact copies of its first and last key;
 // - otherwise ignored keys are left out, unselected keys (when `useKeySelection`) and locked keys
-//   (when `useLockedKeys`) are taken over as they are, and the stretches between them are fitted
+//   (when `useLockedKeys`) are taken over (values divided by the scale and multiplied back, as
+//   for every key of the result), and the stretches between them are fitted
 //   with tolerance strength³ × 0.8; keys the fit creates carry flags 2 with key selection on, else
 //   0.
 // `projectFps` is not consulted (the modification-curve command passes 60). Errors: see KeyFitter.

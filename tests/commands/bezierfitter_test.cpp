@@ -117,6 +117,7 @@ TEST(BezierFitter, LockedKeysStayWithUseLockedKeys) {
   auto out = RunFitter(curves, {.strength = 0.5f, .useLockedKeys = true});
   ASSERT_TRUE(out);
   const KeyArray& reduced = out.value()[0];
+  const float scale = FitScale(curve);
   auto find = [&reduced](float time) -> const Key* {
     for (const Key& key : reduced)
       if (key.position.x == time) return &key;
@@ -125,27 +126,28 @@ TEST(BezierFitter, LockedKeysStayWithUseLockedKeys) {
   for (int i : {0, 10, 25, 26, 27, 39}) {
     const Key* key = find(curve[i].position.x);
     ASSERT_NE(key, nullptr) << i;
-    EXPECT_EQ(key->position.y, curve[i].position.y) << i;
+    EXPECT_EQ(key->position.y, ThroughScale(curve[i], scale).position.y) << i;
     EXPECT_EQ(key->flags, curve[i].flags) << i;
   }
-  // The key between the two locked keys is taken over bit for bit, and the locked key before it
-  // keeps its own outgoing tangent.
-  EXPECT_TRUE(SameBits(*find(curve[26].position.x), curve[26]));
-  EXPECT_EQ(find(curve[25].position.x)->rightTangent.y, curve[25].rightTangent.y);
+  // The key between the two locked keys is taken over (through the scale like every key), and
+  // the locked key before it keeps its own outgoing tangent.
+  EXPECT_TRUE(SameBits(*find(curve[26].position.x), ThroughScale(curve[26], scale)));
+  EXPECT_EQ(find(curve[25].position.x)->rightTangent.y,
+            ThroughScale(curve[25], scale).rightTangent.y);
   // Every key is in the output once, in time order.
   for (Int i = 1; i < reduced.GetCount(); ++i)
     EXPECT_LT(reduced[i - 1].position.x, reduced[i].position.x);
   ExpectWithinTolerance(curve, reduced, 0.5f);
 }
 
-TEST(BezierFitter, KeySelectionKeepsUnselectedKeysBitForBit) {
+TEST(BezierFitter, KeySelectionTakesOverUnselectedKeysThroughTheScale) {
   KeyArray curve = SampledCurve(90, Smooth);
   constexpr std::uint32_t kUnknownBit = 0x00100000u;
   for (Int i = 0; i < curve.GetCount(); ++i) {
     Key& key = curve[i];
     if (i >= 20 && i < 70) {
       key.flags = KEYFLAG_SELECTED | kUnknownBit;
-    } else {  // values that do not survive a division and multiplication by the scale
+    } else {  // values, some of which do not survive a division and multiplication by the scale
       key.flags = kUnknownBit | 0x1u;
       key.position.y = key.position.y / 49.0f * 3.1f;
       key.leftTangent = {-0.01f, key.position.y / 7.0f};
@@ -156,12 +158,17 @@ TEST(BezierFitter, KeySelectionKeepsUnselectedKeysBitForBit) {
   auto out = RunFitter(curves, {.strength = kStrength, .useKeySelection = true});
   ASSERT_TRUE(out);
   const KeyArray& reduced = out.value()[0];
+  const float scale = FitScale(curve);
   Int unselected = 0;
+  Int moved = 0;  // unselected keys whose values the round trip through the scale changed
   Int created = 0;
   for (const Key& key : reduced) {
     const Int index = static_cast<Int>(std::lround(key.position.x * 30.0f));
     if (index < 20 || index >= 70) {
-      EXPECT_TRUE(SameBits(key, curve[index])) << index;
+      // Flags, times and handle times as they were; values divided by the scale and multiplied
+      // back like those of every other key of the result.
+      EXPECT_TRUE(SameBits(key, ThroughScale(curve[index], scale))) << index;
+      moved += !SameBits(key, curve[index]);
       ++unselected;
     } else if (index != 20 && index != 69) {
       EXPECT_EQ(key.flags, KEYFLAG_SELECTED) << index;  // made by the fit
@@ -171,6 +178,7 @@ TEST(BezierFitter, KeySelectionKeepsUnselectedKeysBitForBit) {
     }
   }
   EXPECT_EQ(unselected, 40);
+  EXPECT_GT(moved, 0);
   EXPECT_GT(created, 0);
 
   // Without key selection every key is fitted and created keys carry flags 0.
@@ -379,12 +387,14 @@ TEST(BezierFitter, SurvivesHostileButValidCurves) {
     ASSERT_TRUE(out) << out.error().GetMessage();
     ASSERT_EQ(out.value().GetCount(), curves.GetCount());
     for (Int c = 0; c < curves.GetCount(); ++c) {
-      // Every reduced key sits on an input key, in order.
+      // Every reduced key sits on an input key (its value through the scale), in order.
       Int o = 0;
       ASSERT_FALSE(out.value()[c].IsEmpty());
+      const float scale = FitScale(curves[c]);
       for (const Key& key : out.value()[c]) {
-        while (o < curves[c].GetCount() && !(curves[c][o].position.x == key.position.x &&
-                                             curves[c][o].position.y == key.position.y))
+        while (o < curves[c].GetCount() &&
+               !(curves[c][o].position.x == key.position.x &&
+                 ThroughScale(curves[c][o], scale).position.y == key.position.y))
           ++o;
         ASSERT_LT(o, curves[c].GetCount()) << "curve " << c;
       }

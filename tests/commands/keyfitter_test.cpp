@@ -42,23 +42,33 @@ P Cubic(const P* b, float t) {
 // time, recursing as the fit is described: the yardstick for the fast fitter.
 class OneKeyAtATimeFitter {
  public:
-  OneKeyAtATimeFitter(const KeyArray& curve, float strength) : _keys(curve) {
+  OneKeyAtATimeFitter(const KeyArray& curve, float strength) {
     for (const Key& key : curve) _scale = std::max(_scale, std::fabs(key.position.y));
     _tolerance = strength * strength * strength * 0.8f;
-    for (const Key& key : curve) {
-      _p.push_back({key.position.x, key.position.y / _scale});
+    // Every key's values are divided by the scale on the way in and multiplied on the way out.
+    for (Key key : curve) {
+      key.position.y /= _scale;
+      key.leftTangent.y /= _scale;
+      key.rightTangent.y /= _scale;
+      _keys.push_back(key);
+      _p.push_back({key.position.x, key.position.y});
       _w.push_back((key.flags & KEYFLAG_MAGNET) != 0 ? 1.5f : 1.0f);
     }
     const int n = static_cast<int>(_p.size());
-    _out.push_back(curve[0]);
+    _out.push_back(_keys[0]);
     FitCubic(0, n - 1, Sub(_p[1], _p[0]), Sub(_p[n - 2], _p[n - 1]));
-    _out.back().flags = curve[n - 1].flags;
-    _out.back().rightTangent = curve[n - 1].rightTangent;
+    _out.back().flags = _keys[n - 1].flags;
+    _out.back().rightTangent = _keys[n - 1].rightTangent;
+    for (Key& key : _out) {
+      key.position.y *= _scale;
+      key.leftTangent.y *= _scale;
+      key.rightTangent.y *= _scale;
+    }
   }
   const std::vector<Key>& Output() const { return _out; }
 
  private:
-  KeyVector Out(P v) const { return {v.x, v.y * _scale}; }
+  static KeyVector Out(P v) { return {v.x, v.y}; }
   void Append(int last, P left) {
     Key key;
     key.position = _keys[last].position;
@@ -161,7 +171,7 @@ class OneKeyAtATimeFitter {
     }
   }
 
-  const KeyArray& _keys;
+  std::vector<Key> _keys;  // values divided by the scale
   std::vector<P> _p;
   std::vector<float> _w;
   float _scale = 0.0f;
