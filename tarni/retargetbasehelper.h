@@ -72,7 +72,8 @@ class RetargetBaseHelper : public virtual Object {
   // A copy of `pose` whose nodes carry the Uuids their own Uuids are associated with, in the same
   // order. The input pose and its nodes are not changed (copy-on-write). Stops at and returns the
   // first error, such as "No value associated to this Uuid" for a node without partner; a null
-  // argument or element gives the null-reference error, and so does a node or pose copy that
+  // pose or element gives the null-reference error, and so does a null association once there is
+  // a node to rename (a pose without nodes is copied without one) or a node or pose copy that
   // cannot be made; a full array gives the out-of-memory error. On failure no pose is returned.
   virtual Result<CharacterPoseRef> TranslateSrcToDestID(
       const CharacterAssociationRef& association, const CharacterPoseRef& pose) const noexcept = 0;

@@ -225,18 +225,22 @@ class RetargetBaseHelperImpl final : public RetargetBaseHelper {
   Result<CharacterPoseRef> TranslateSrcToDestID(
       const CharacterAssociationRef& association,
       const CharacterPoseRef& pose) const noexcept override {
-    if (!association || !pose) return NullReferenceError("Association or pose reference is empty.");
+    if (!pose) return NullReferenceError("Pose reference is empty.");
     const BaseArray<CharacterNodeTransformRef>& nodes = pose->GetNodeTransformArray();
     BaseArray<CharacterNodeTransformRef> renamed;
     TARNI_TRY(renamed.EnsureCapacity(nodes.GetCount()));
+    // The association is only asked about nodes: a pose without nodes is copied even without one.
     // This module's association class is searched directly; misses and other classes go through
     // PeekAssociatedUuid, which also raises the miss's error.
-    const UuidAssociationTable* table = OwnUuidAssociations(*association);
-    const auto* kept = static_cast<const RenamedIndex*>(PeekAssociationCompanion(*association));
+    const UuidAssociationTable* table = association ? OwnUuidAssociations(*association) : nullptr;
+    const auto* kept =
+        association ? static_cast<const RenamedIndex*>(PeekAssociationCompanion(*association))
+                    : nullptr;
     bool keptFits = kept != nullptr && kept->count == nodes.GetCount();
     for (Int i = 0; i < nodes.GetCount(); ++i) {
       const CharacterNodeTransformRef& node = nodes[i];
       if (!node) return NullReferenceError("Pose holds an empty node.");
+      if (!association) return NullReferenceError("Association reference is empty.");
       const Uuid& source = NodeUuidOf(node.Get());
       const Uuid* target = table != nullptr ? table->Find(source) : nullptr;
       Uuid holder;

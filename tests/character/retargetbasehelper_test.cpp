@@ -193,6 +193,7 @@ TEST(RetargetBaseHelper, AssociatesByIdentifierPairingNodesByPosition) {
     EXPECT_TRUE(refused.error().Is(ErrorKind::kIllegalArgument));
     EXPECT_EQ(refused.error().GetMessage(),
               "Illegal argument: Condition srcBodyPart && dstBodyPart not fulfilled. ");
+    EXPECT_EQ(refused.error().GetUnit(), "retargetbasehelper_impl");
     EXPECT_EQ(stats.visitedBodyParts, 103);
   }
 }
@@ -222,6 +223,19 @@ TEST(RetargetBaseHelper, TranslatesPoseToTargetIdentitiesLeavingTheInputAlone) {
     auto failed = helper->TranslateSrcToDestID(association, MakePose({1, 7, 2}));
     ASSERT_FALSE(failed);
     EXPECT_EQ(failed.error().GetMessage(), "No value associated to this Uuid");
+  }
+  {
+    // The association is only asked about nodes: a pose without nodes is copied without one,
+    // while a node to rename, or no pose at all, is the null-reference error.
+    CharacterPoseRef empty = MakePose({});
+    auto copied = helper->TranslateSrcToDestID(nullptr, empty);
+    ASSERT_TRUE(copied) << copied.error().GetMessage();
+    EXPECT_NE(copied.value().Get(), empty.Get());
+    EXPECT_TRUE(copied.value()->GetNodeTransformArray().IsEmpty());
+    EXPECT_TRUE(
+        helper->TranslateSrcToDestID(nullptr, MakePose({1})).error().Is(ErrorKind::kNullReference));
+    EXPECT_TRUE(
+        helper->TranslateSrcToDestID(association, nullptr).error().Is(ErrorKind::kNullReference));
   }
 }
 
