@@ -143,6 +143,20 @@ void Dot(std::string& out, std::string_view cls, double x, double y, double radi
   out += "/>\n";
 }
 
+// An unfilled polyline or path; `shapeName` is its shape attribute ("points" or "d").
+void Outline(std::string& out, std::string_view element, std::string_view cls,
+             std::string_view colour, std::string_view width, std::string_view shapeName,
+             std::string_view shape) {
+  out += '<';
+  out += element;
+  Attribute(out, "class", cls);
+  Attribute(out, "fill", "none");
+  Attribute(out, "stroke", colour);
+  Attribute(out, "stroke-width", width);
+  Attribute(out, shapeName, shape);
+  out += "/>\n";
+}
+
 // A rectangle; an empty `cls` writes no class.
 void Rect(std::string& out, std::string_view cls, double x, double y, double width, double height,
           std::string_view fill, std::string_view stroke) {
@@ -532,13 +546,7 @@ void CurvePanel(std::string& out, const std::string& name, const Curve* original
       if (!points.empty()) points += ' ';
       AppendPair(points, sx(p.x), sy(p.y), ',');
     }
-    out += "<polyline";
-    Attribute(out, "class", "original");
-    Attribute(out, "fill", "none");
-    Attribute(out, "stroke", "#8c8c8c");
-    Attribute(out, "stroke-width", "1");
-    Attribute(out, "points", points);
-    out += "/>\n";
+    Outline(out, "polyline", "original", "#8c8c8c", "1", "points", points);
   }
   if (reduced != nullptr && !reduced->keys.empty()) {
     // One path of cubic segments; a segment with a non-finite point restarts the path after it.
@@ -568,13 +576,7 @@ void CurvePanel(std::string& out, const std::string& name, const Curve* original
       AppendPair(d, sx(reduced->keys[0].position[0]), sy(reduced->keys[0].position[1]), ' ');
     }
     while (!d.empty() && d.back() == ' ') d.pop_back();
-    out += "<path";
-    Attribute(out, "class", "reduced");
-    Attribute(out, "fill", "none");
-    Attribute(out, "stroke", "#d2691e");
-    Attribute(out, "stroke-width", "2.2");
-    Attribute(out, "d", d);
-    out += "/>\n";
+    Outline(out, "path", "reduced", "#d2691e", "2.2", "d", d);
     for (const CurveKey& key : reduced->keys) {
       const Point p = PositionOf(key);
       if (Finite(p)) Dot(out, "key", sx(p.x), sy(p.y), 3.2, "#d2691e");
