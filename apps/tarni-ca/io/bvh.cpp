@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "io/atomicfile.h"
+#include "io/numbertext.h"
 
 namespace tarni::host {
 namespace {
@@ -78,14 +79,13 @@ std::string Quote(std::string_view token) {
   return text;
 }
 
-// The longest shortest form of a double, "-2.2250738585072014e-308", and a separator.
-constexpr size_t kLongestDouble = 25;
+// The longest shortest form of a double and a separator.
+constexpr size_t kLongestDouble = kLongestShortest + 1;
 
 // Appends `value` in its shortest form that reads back as the same double.
 void AppendDouble(std::string& out, double value) {
-  char buffer[32];
-  const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-  out.append(buffer, result.ptr);
+  char buffer[kShortestRoom];
+  out.append(buffer, WriteShortest(buffer, value));
 }
 
 std::string FormatDouble(double value) {
@@ -901,19 +901,18 @@ std::string WriteBvhImpl(const BvhMotion& motion) {
   // Each row is formatted straight into the text: room for its longest form is opened, and what
   // its numbers leave unused is cut off again. Appending number by number would copy every one of
   // them once more, a call each.
-  const size_t rowRoom = static_cast<size_t>(written) * kLongestDouble + 1;
+  const size_t rowRoom = static_cast<size_t>(written) * kLongestDouble + kShortestRoom;
   for (int64_t row = 0; row < rows; ++row) {
     const double* values = motion.values.data() + row * stride;
     const size_t at = out.size();
     out.resize(at + rowRoom);
     char* next = out.data() + at;
-    char* const end = out.data() + out.size();
     bool first = true;
     for (size_t joint : order) {
       for (int64_t c = firstColumn[joint]; c < firstColumn[joint + 1]; ++c) {
         if (!first) *next++ = ' ';
         first = false;
-        next = std::to_chars(next, end, values[c]).ptr;
+        next = WriteShortest(next, values[c]);
       }
     }
     *next++ = '\n';

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "io/atomicfile.h"
+#include "io/numbertext.h"
 
 namespace tarni::host {
 namespace {
@@ -56,9 +57,8 @@ void AppendFloat(std::string& out, float value) {
 
 void AppendDouble(std::string& out, double value) {
   if (AppendSpecialNumber(out, value)) return;
-  char buffer[32];
-  const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-  out.append(buffer, result.ptr);
+  char buffer[kShortestRoom];
+  out.append(buffer, WriteShortest(buffer, value));
 }
 
 std::string FloatText(float value) {
