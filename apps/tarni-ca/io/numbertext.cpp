@@ -21,6 +21,7 @@ constexpr char kPairs[] =
 // Sixteen digits as one value, the first in the lowest byte, so that runs of them are cut and
 // placed with shifts and stores alone.
 __extension__ typedef unsigned __int128 Places;
+static_assert(std::endian::native == std::endian::little, "places are stored lowest byte first");
 
 // The eight digits of `value` < 10^8 as text, leading zeros included, the first digit in the
 // lowest byte: the halves, quarters and single digits are split in all lanes at once.
@@ -95,7 +96,8 @@ class Digits {
 
   // Stores the digits from digit `k` >= 1 on at `at`, and 16 bytes in all.
   void StoreFrom(char* at, int k) const {
-    // Past the last digit there is nothing to store but the bytes' count.
+    // A one-digit number has no digit from 1 on: the 16 bytes are then stored over or left
+    // behind the text, and the shift stays within the value's width.
     const int skip = std::min(_zeros + k - 1, 15);
     Store(at, _rest >> (8 * skip));
   }
