@@ -116,11 +116,18 @@ constexpr char kZeros[8] = {'0', '0', '0', '0', '0', '0', '0', '0'};
 }  // namespace
 
 char* WriteShortest(char* out, double value) {
-  // Zeros, infinities and NaN are rare and have fixed texts; from 2^53 on, whole numbers in
-  // fixed notation would need digits beyond the shortest ones. The standard library writes all
-  // of those.
   const double magnitude = std::fabs(value);
-  if (!(magnitude > 0.0 && magnitude < 0x1p53)) {
+  if (magnitude == 0.0) {
+    // Common in clips (channels that never move): "0" or "-0".
+    *out = '-';
+    out += std::signbit(value) ? 1 : 0;
+    *out = '0';
+    return out + 1;
+  }
+  // Infinities and NaN are rare and have texts of their own; from 2^53 on, whole numbers in
+  // fixed notation would need digits beyond the shortest ones. The standard library writes
+  // those.
+  if (!(magnitude < 0x1p53)) {
     char text[kLongestShortest];
     const char* const end = std::to_chars(text, text + sizeof text, value).ptr;
     std::memcpy(out, text, static_cast<size_t>(end - text));
