@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cfloat>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <limits>
+#include <random>
 #include <string>
 
 #include "apps/jobrun.h"
@@ -186,6 +189,47 @@ TEST(BvhReader, AcceptsWhatRealFilesContain) {
     EXPECT_EQ(m.frameCount, 0);
     EXPECT_TRUE(m.values.empty());
   }
+}
+
+TEST(BvhReader, ReadsEveryDecimalAsTheStandardConversionDoes) {
+  // Random decimals of 1 to 20 digits with the point anywhere (or nowhere, or last), leading
+  // zeros and signs, around the 15 digits up to which the reader takes a shortcut; each value read
+  // must be the bits from_chars gives for its token.
+  std::mt19937_64 random(1123);
+  std::vector<std::string> tokens;
+  for (int i = 0; i < 60000; ++i) {
+    const int digits = 1 + static_cast<int>(random() % 20);
+    std::string token = random() % 2 != 0 ? "-" : "";
+    const int zeros = random() % 4 == 0 ? static_cast<int>(random() % 4) : 0;
+    token.append(static_cast<size_t>(zeros), '0');
+    for (int d = 0; d < digits; ++d) token += static_cast<char>('0' + random() % 10);
+    const size_t point = random() % 5 == 0 ? token.size() : 1 + random() % token.size();
+    if (point < token.size() || random() % 2 != 0) token.insert(std::max<size_t>(point, 1), ".");
+    if (token == "-.") token = "-0";
+    tokens.push_back(token);
+  }
+  for (const char* token : {"0", "-0", "0.0", "-0.000", "5.", "999999999999999", "1000000000000000",
+                            "0.000000000000001", "9007199254740993", "123456789.012345"}) {
+    tokens.emplace_back(token);
+  }
+  while (tokens.size() % 6 != 0) tokens.emplace_back("1");
+  std::string text =
+      "HIERARCHY\nROOT Hips\n{\n\tOFFSET 0 0 0\n\tCHANNELS 6 Xposition Yposition Zposition "
+      "Zrotation Yrotation Xrotation\n\tEnd Site\n\t{\n\t\tOFFSET 0 1 0\n\t}\n}\nMOTION\nFrames: " +
+      std::to_string(tokens.size() / 6) + "\nFrame Time: 0.01\n";
+  for (size_t i = 0; i < tokens.size(); ++i) text += tokens[i] + (i % 6 == 5 ? "\n" : " ");
+  const BvhMotion motion = ReadOk(text);
+  ASSERT_EQ(motion.values.size(), tokens.size());
+  int differing = 0;
+  for (size_t i = 0; i < tokens.size(); ++i) {
+    double want = 0.0;
+    std::from_chars(tokens[i].data(), tokens[i].data() + tokens[i].size(), want);
+    if (std::bit_cast<uint64_t>(motion.values[i]) != std::bit_cast<uint64_t>(want) &&
+        ++differing <= 5) {
+      ADD_FAILURE() << tokens[i] << " read as " << motion.values[i] << ", not " << want;
+    }
+  }
+  EXPECT_EQ(differing, 0);
 }
 
 TEST(BvhReader, RejectsBrokenFilesNamingLineAndExpectation) {

@@ -139,12 +139,53 @@ int64_t DecimalMagnitude(std::string_view text) {
 // Parses one number starting at `p`, stopping at `end`. Accepts what capture software writes
 // ("-.5", "+1", "1e-3") but never "nan" or "inf", and needs no locale. An exponent so small that
 // the value underflows reads as zero; one so large that it overflows is an error.
+// Powers of ten that are exact doubles, as many as a plain decimal has fraction digits.
+constexpr double kExactPowersOfTen[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                        1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+
+// A number in the form clips are written in, "-12.345678": at most 15 digits, at least one of
+// them before an optional point, and no exponent. Its digits are an exact whole number (below
+// 10^15 < 2^53) and its power of ten is exact, so their quotient is the correctly rounded value,
+// the same double from_chars gives, for a fraction of the cost. Returns false, with nothing
+// read, for any other form.
+bool ParsePlainDecimal(const char* p, const char* end, double& value, const char*& next) {
+  const bool negative = p < end && *p == '-';
+  p += negative ? 1 : 0;
+  uint64_t digits = 0;
+  int count = 0;
+  int fraction = 0;
+  const char* const first = p;
+  while (p < end && static_cast<unsigned>(*p - '0') < 10) {
+    digits = digits * 10 + static_cast<unsigned>(*p - '0');
+    ++p;
+  }
+  count = static_cast<int>(p - first);
+  if (count == 0) return false;
+  if (p < end && *p == '.') {
+    const char* const point = ++p;
+    while (p < end && static_cast<unsigned>(*p - '0') < 10) {
+      digits = digits * 10 + static_cast<unsigned>(*p - '0');
+      ++p;
+    }
+    fraction = static_cast<int>(p - point);
+    count += fraction;
+  }
+  // Past 15 digits the whole number may not be exact (and may overflow); an exponent needs the
+  // full conversion.
+  if (count > 15 || (p < end && (*p == 'e' || *p == 'E'))) return false;
+  const double magnitude = static_cast<double>(digits) / kExactPowersOfTen[fraction];
+  value = negative ? -magnitude : magnitude;
+  next = p;
+  return true;
+}
+
 NumberResult ParseDouble(const char* p, const char* end, double& value) {
   const char* start = p;
   if (p < end && *p == '+') {
     ++p;
     if (p < end && (*p == '-' || *p == '+')) return {NumberStatus::kNotANumber, p};
   }
+  if (const char* next; ParsePlainDecimal(p, end, value, next)) return {NumberStatus::kOk, next};
   const auto result = std::from_chars(p, end, value);
   if (result.ec == std::errc::invalid_argument) return {NumberStatus::kNotANumber, result.ptr};
   if (result.ec == std::errc::result_out_of_range) {
