@@ -239,15 +239,9 @@ class CharacterSolverImpl final : public CharacterSolver {
           dl.v1 * ReciprocalLength(l1), dl.v2 * ReciprocalLength(l2), dl.v3 * ReciprocalLength(l3));
       // A negative weight does not flip the blend; it turns the blended rotation back below.
       const Float64 t = std::fabs(wr * weight);
-      Quaternion turn = q;
-      // The blend from the identity at 1 is q itself (q.w is never negative, so no sign flip), so
-      // the common full-weight case skips the slerp's trigonometry.
-      if (t != 1.0) {
-        Result<Quaternion> blended = QuaternionBlend(Quaternion(), q, t);
-        if (!blended) return {Matrix(), std::move(blended).error()};
-        turn = blended.value();
-      }
-      RotationRows rows = QuaternionToRotationRows(turn);
+      Result<Quaternion> turn = BlendFromIdentity(q, t);
+      if (!turn) return {Matrix(), std::move(turn).error()};
+      RotationRows rows = QuaternionToRotationRows(turn.value());
       if (weight < 0.0) rows = InvertRotationRows(rows);
       // Each axis turns about its own origin; the offset stays. RotateByRows(rows, a) is
       // TransformVector of the rows' matrix, taken here with paired lanes.

@@ -264,4 +264,14 @@ inline Result<Quaternion> QuaternionBlend(const Quaternion& q1, const Quaternion
   return HamiltonProduct(HamiltonProduct(h, reciprocal.value()), h);
 }
 
+// The blend from the identity to q: QuaternionBlend(Quaternion(), q, t), bit for bit. At t = 1,
+// the usual full weight, the slerp's sines cancel to k1 = +0 and k2 = 1 (and its linear branch
+// gives the same), so its result is +0 + q component by component: q itself except that a
+// negative zero comes out positive, which the sums below keep without the trigonometry. The
+// identity's dot product with q is q.w, never negative, so there is no sign flip to follow.
+inline Result<Quaternion> BlendFromIdentity(const Quaternion& q, Float64 t) noexcept {
+  if (t == 1.0) return Quaternion{0.0 + q.x, 0.0 + q.y, 0.0 + q.z, 0.0 + q.w};
+  return QuaternionBlend(Quaternion(), q, t);
+}
+
 }  // namespace tarni::ca

@@ -3,7 +3,9 @@
 // of the arrays and the formula give, after any change of the pose, and on several threads.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <utility>
 #include <vector>
@@ -127,6 +129,53 @@ TEST(PairedProducts, EqualTheFrameworkProductBitForBit) {
     EXPECT_TRUE(SameBits(ca::Product(a, b), a * b));
     EXPECT_TRUE(SameBits(ca::Product(b, a), b * a));
   }
+}
+
+// Equal bit for bit, so that a zero of the other sign shows; NaNs equal by their bits.
+bool SameQuaternionBits(const Quaternion& a, const Quaternion& b) {
+  return std::memcmp(&a, &b, sizeof(Quaternion)) == 0;
+}
+
+TEST(RotationBlend, FromTheIdentityEqualsTheBlendBitForBit) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const double inf = std::numeric_limits<double>::infinity();
+  // Quaternions of delta axes with components of both zero signs (a planar turn whose axes carry
+  // rounding noise of either sign), usual turns, unnormalised and non-finite ones.
+  const Quaternion cases[] = {{-0.0, -0.0, 0.894427190999916, 0.447213595499958},
+                              {-0.0, 0.0, -0.6, 0.8},
+                              {0.0, -0.0, -0.0, 0.0},
+                              {-0.0, -0.0, -0.0, 1.0},
+                              {0.1, -0.2, 0.3, 0.927},
+                              {0.5, 0.5, 0.5, 0.5},
+                              {2.0, -1.0, 0.5, 3.0},
+                              {nan, 0.0, -0.0, 1.0},
+                              {0.0, inf, -0.0, 1.0}};
+  for (const Quaternion& q : cases) {
+    for (double t : {1.0, 0.0, 0.5, 2.0, -1.0, nan}) {
+      SCOPED_TRACE(::testing::Message()
+                   << "q (" << q.x << ", " << q.y << ", " << q.z << ", " << q.w << ") t " << t);
+      const Result<Quaternion> fast = ca::BlendFromIdentity(q, t);
+      const Result<Quaternion> blend = ca::QuaternionBlend(Quaternion(), q, t);
+      ASSERT_EQ(fast.has_error(), blend.has_error());
+      EXPECT_TRUE(SameQuaternionBits(fast.value(), blend.value()));
+    }
+  }
+  // Through the whole application: a half-planar delta under a mirrored parent, where the zero's
+  // sign survives into the local matrix (the third axis's y, +0 through the blend).
+  const CharacterSolverRef solver =
+      CreateObject<CharacterSolver>(CharacterSolver::kClassId).value();
+  const CharacterBodyPartSolverSettingRef setting(
+      CreateObject<CharacterBodyPartSolverSetting>(CharacterBodyPartSolverSetting::kClassId)
+          .value());
+  const Matrix turn{{}, {-0.6, -0.8, -1e-200}, {0.8, -0.6, 0.0}, {0.0, -1e-200, 1.0}};
+  const Matrix mirrored{{}, {1, 0, 0}, {0, 1, 0}, {0, 0, -1}};
+  const Matrix local =
+      solver
+          ->ApplyGlobalRotationDelta(CreateNodeTransform(U(1), {}, mirrored).value(),
+                                     CreateNodeTransform(U(2), turn, {}).value(), setting, 1.0)
+          .value();
+  EXPECT_EQ(local.v3.y, 0.0);
+  EXPECT_FALSE(std::signbit(local.v3.y));
 }
 
 TEST(PoseLookupIndex, KeepsTheFirstMatchThroughEveryChange) {
