@@ -271,6 +271,8 @@ inline Result<Quaternion> QuaternionBlend(const Quaternion& q1, const Quaternion
 // identity's dot product with q is q.w, never negative, so there is no sign flip to follow.
 inline Result<Quaternion> BlendFromIdentity(const Quaternion& q, Float64 t) noexcept {
   if (t == 1.0) return Quaternion{0.0 + q.x, 0.0 + q.y, 0.0 + q.z, 0.0 + q.w};
+  // Inside [0, 1] the blend is the slerp; called directly, it is inlined here.
+  if (t >= 0.0 && t <= 1.0) return QuaternionSlerp(Quaternion(), q, t);
   return QuaternionBlend(Quaternion(), q, t);
 }
 
