@@ -3,6 +3,7 @@
 #include <new>
 
 #include "registries.h"
+#include "tarni/command.h"
 #include "tarni/hierarchy.h"
 
 namespace tarni {
@@ -21,6 +22,10 @@ class HierarchyObjectImpl final : public HierarchyComponent<HierarchyObject> {
 };
 
 constexpr Id kHierarchyInterfaces[] = {HierarchyObject::kInterfaceId};
+constexpr Id kDataDictionaryClassId = DataDictionaryComponent<CommandData>::kClassId;
+constexpr Id kCommandObserverClassId = CommandObserverComponent<CommandObserver>::kClassId;
+constexpr Id kDictionaryInterfaces[] = {CommandData::kInterfaceId};
+constexpr Id kObserverInterfaces[] = {CommandObserver::kInterfaceId};
 
 void RegisterKernelClasses(Registries& registries) noexcept;
 }  // namespace
@@ -36,17 +41,41 @@ Registries& GetRegistries() noexcept {
 }
 
 namespace {
-void RegisterKernelClasses(Registries& registries) noexcept {
-  static const ClassRecord record{HierarchyObject::kClassId,
-                                  "HierarchyObjectImpl",
-                                  "hierarchy",
-                                  &CreateInstance<HierarchyObjectImpl>,
-                                  nullptr,
-                                  {},
-                                  kHierarchyInterfaces,
-                                  {}};
+void RegisterKernelClass(Registries& registries, const ClassRecord& record) noexcept {
   auto* info = New<ClassInfo>(record);
   if (info != nullptr && !registries.classes.Insert(record.classId, info)) Delete(info);
+}
+
+void RegisterKernelClasses(Registries& registries) noexcept {
+  static const ClassRecord hierarchy{HierarchyObject::kClassId,
+                                     "HierarchyObjectImpl",
+                                     "hierarchy",
+                                     &CreateInstance<HierarchyObjectImpl>,
+                                     nullptr,
+                                     {},
+                                     kHierarchyInterfaces,
+                                     {}};
+  RegisterKernelClass(registries, hierarchy);
+  // The command framework's components: classes that command data classes are built on, with no
+  // instances of their own.
+  static const ClassRecord dictionary{kDataDictionaryClassId,
+                                      "DataDictionaryComponent",
+                                      "command",
+                                      nullptr,
+                                      nullptr,
+                                      {},
+                                      kDictionaryInterfaces,
+                                      {}};
+  RegisterKernelClass(registries, dictionary);
+  static const ClassRecord observer{kCommandObserverClassId,
+                                    "CommandObserverComponent",
+                                    "command",
+                                    nullptr,
+                                    nullptr,
+                                    {},
+                                    kObserverInterfaces,
+                                    {}};
+  RegisterKernelClass(registries, observer);
 }
 }  // namespace
 }  // namespace detail
@@ -77,6 +106,18 @@ Result<const ClassInfo*> RegisterClass(const ClassRecord& record) noexcept {
   std::lock_guard lock(registries.mutex);
   if (registries.classes.Find(record.classId) != nullptr)
     return IllegalStateError("Illegal state: class id already registered.");
+  // The classes a class is built on are resolved when it is registered, before any instance can
+  // be made: a module loaded into a framework that lacks one fails to load, naming it.
+  for (const Id& base : record.baseClasses) {
+    if (registries.classes.Find(base) != nullptr) continue;
+    TextBuilder message;
+    message.Append("Unresolved: class ")
+        .Append(record.classId.GetText())
+        .Append(" is built on class ")
+        .Append(base.GetText())
+        .Append(", which is not registered.");
+    return Error::MakeCopy(ErrorKind::kUnresolved, message.GetView());
+  }
   auto* info = New<ClassInfo>(record);
   if (info == nullptr) return OutOfMemoryError();
   if (auto inserted = registries.classes.Insert(record.classId, info); !inserted) {
@@ -134,18 +175,39 @@ const ClassInfo* ClassHandle::Resolve() const noexcept {
 }
 
 // Data types and registry entries share the registries' lock.
+namespace {
+// The entry of a data type in the data-type registry, found under the registries' lock.
+Int DataTypeEntryIndex(const detail::Registries& registries, const Id& id) noexcept {
+  for (Int i = 0; i < registries.entries.GetCount(); ++i) {
+    const RegistryEntry& entry = registries.entries[i];
+    if (entry.registryId == kDataTypesRegistry && entry.entryId == id) return i;
+  }
+  return -1;
+}
+}  // namespace
+
+// A type is both in the table its lookups use and an entry (without a class) of the data-type
+// registry, so that listing the registry shows every registered type; the two come and go
+// together.
 Result<void> RegisterDataType(const DataType& type) noexcept {
   auto& registries = detail::GetRegistries();
   std::lock_guard lock(registries.mutex);
-  if (registries.dataTypes.Find(type.id) != nullptr)
+  if (registries.dataTypes.Find(type.id) != nullptr || DataTypeEntryIndex(registries, type.id) >= 0)
     return IllegalStateError("Illegal state: data type id already registered.");
-  return registries.dataTypes.Insert(type.id, &type);
+  TARNI_TRY(registries.dataTypes.Insert(type.id, &type));
+  if (auto entry = registries.entries.Append({kDataTypesRegistry, type.id, Id()}); !entry) {
+    registries.dataTypes.Erase(type.id);
+    return entry;
+  }
+  return OK;
 }
 
 void UnregisterDataType(const Id& id) noexcept {
   auto& registries = detail::GetRegistries();
   std::lock_guard lock(registries.mutex);
   registries.dataTypes.Erase(id);
+  if (const Int index = DataTypeEntryIndex(registries, id); index >= 0)
+    registries.entries.Erase(index);
 }
 
 const DataType* FindDataType(const Id& id) noexcept {

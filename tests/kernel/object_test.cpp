@@ -225,6 +225,28 @@ TEST_F(ObjectTest, CreationByClassIdReportsWhatWentWrong) {
     EXPECT_EQ(CreateObject(kNoCreateId).error().GetMessage(), "Class has no creation function.");
     UnregisterClass(kNoCreateId);
   }
+  {
+    // A class built on a class that is not registered is refused, naming both, until its base is.
+    static constexpr Id kBaseId{"net.tarni.test.class.base"};
+    static constexpr Id kDerivedId{"net.tarni.test.class.derived"};
+    static constexpr Id kDerivedBases[] = {Circle::kClassId, kBaseId};
+    static const ClassRecord kBase{kBaseId, "BaseImpl", "object_test", nullptr, nullptr, {},
+                                   {},      {}};
+    static const ClassRecord kDerived{
+        kDerivedId, "DerivedImpl", "object_test", nullptr, nullptr, kDerivedBases, {}, {}};
+    auto refused = RegisterClass(kDerived);
+    ASSERT_TRUE(refused.has_error());
+    EXPECT_TRUE(refused.error().Is(ErrorKind::kUnresolved));
+    EXPECT_EQ(refused.error().GetMessage(),
+              "Unresolved: class net.tarni.test.class.derived is built on class "
+              "net.tarni.test.class.base, which is not registered.");
+    EXPECT_EQ(FindClass(kDerivedId), nullptr);
+    ASSERT_TRUE(RegisterClass(kBase));
+    EXPECT_TRUE(RegisterClass(kDerived));
+    EXPECT_NE(FindClass(kDerivedId), nullptr);
+    UnregisterClass(kDerivedId);
+    UnregisterClass(kBaseId);
+  }
 }
 
 TEST_F(ObjectTest, ClassHandlesResolveAgainAfterUnregistering) {
