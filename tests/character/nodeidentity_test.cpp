@@ -36,6 +36,12 @@ TEST(CharacterNodeInfo, TextAndCopyOnWrite) {
   EXPECT_EQ(b.Get(), before);
   EXPECT_EQ(b->ToString().GetView(),
             "Object ID : 00000000-0000-0001-0000-000000000002\nObject Name : Hips\n");
+
+  // The creation function stores what it is given, the Uuid shared rather than copied.
+  const Uuid id = MakeUuid(3, 4);
+  const CharacterNodeInfoRef named = CreateNodeInfo(id, "Spine"_s).value();
+  EXPECT_TRUE(named->GetUuid().SharesData(id));
+  EXPECT_EQ(named->GetName(), "Spine");
 }
 
 TEST(CharacterNodeTransform, CloneSharesNodeInfoAndTextComesFromDerivedClass) {
