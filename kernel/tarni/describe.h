@@ -38,8 +38,13 @@ struct MemberDescription {
   std::string_view name;
   Id type;
   std::uint32_t flags = kDescribeNone;
-  Id keyType;               // maps only
-  void* address = nullptr;  // the member in the described instance; null for class descriptions
+  Id keyType;  // maps only
+  // The member in the described instance; null for class descriptions. It is for reading the
+  // member, and for filling an instance that nothing has used yet (a stored object read into a
+  // new one). Writing through it into an instance already in use bypasses copy-on-write and what
+  // the instance keeps derived from the member (a pose's lookup index, the solver's rest data):
+  // such members are changed through their setters.
+  void* address = nullptr;
 };
 
 class Describer {

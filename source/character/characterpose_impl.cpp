@@ -110,7 +110,9 @@ class CharacterPoseImpl final : public CharacterPose {
 
   BaseArray<CharacterNodeTransformRef> _nodeTransforms;
   // Derived from _nodeTransforms, never copied; the index also checks that the array it was made
-  // from still has the same storage and count, which covers writes through DescribeIO's address.
+  // from still has the same storage and count, which covers an array filled through DescribeIO's
+  // address while a stored pose is read in (elements replaced in place there are not seen: that
+  // address is not for changing a pose in use).
   mutable std::atomic<NodeIndex*> _index{nullptr};
   CompanionSlot _companion;
 };

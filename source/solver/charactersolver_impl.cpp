@@ -103,7 +103,7 @@ RestPoseData* MakeRestPoseData(const CharacterPose& rest) noexcept {
 
 // The rest data of one extraction: the data kept with the rest pose, made and attached at the
 // first extraction, or data made for this call alone (a pose of another class keeps none, and a
-// pose whose array was written through DescribeIO gets new data).
+// pose whose array no longer holds the node objects the data was made from gets new data).
 class RestPoseDataHolder {
  public:
   RestPoseDataHolder() noexcept = default;
