@@ -176,11 +176,12 @@ const ClassInfo* ClassHandle::Resolve() const noexcept {
 
 // Data types and registry entries share the registries' lock.
 namespace {
-// The entry of a data type in the data-type registry, found under the registries' lock.
-Int DataTypeEntryIndex(const detail::Registries& registries, const Id& id) noexcept {
+// The index of a registry's entry, or -1; under the registries' lock.
+Int EntryIndex(const detail::Registries& registries, const Id& registryId,
+               const Id& entryId) noexcept {
   for (Int i = 0; i < registries.entries.GetCount(); ++i) {
     const RegistryEntry& entry = registries.entries[i];
-    if (entry.registryId == kDataTypesRegistry && entry.entryId == id) return i;
+    if (entry.registryId == registryId && entry.entryId == entryId) return i;
   }
   return -1;
 }
@@ -192,7 +193,8 @@ Int DataTypeEntryIndex(const detail::Registries& registries, const Id& id) noexc
 Result<void> RegisterDataType(const DataType& type) noexcept {
   auto& registries = detail::GetRegistries();
   std::lock_guard lock(registries.mutex);
-  if (registries.dataTypes.Find(type.id) != nullptr || DataTypeEntryIndex(registries, type.id) >= 0)
+  if (registries.dataTypes.Find(type.id) != nullptr ||
+      EntryIndex(registries, kDataTypesRegistry, type.id) >= 0)
     return IllegalStateError("Illegal state: data type id already registered.");
   TARNI_TRY(registries.dataTypes.Insert(type.id, &type));
   if (auto entry = registries.entries.Append({kDataTypesRegistry, type.id, Id()}); !entry) {
@@ -206,7 +208,7 @@ void UnregisterDataType(const Id& id) noexcept {
   auto& registries = detail::GetRegistries();
   std::lock_guard lock(registries.mutex);
   registries.dataTypes.Erase(id);
-  if (const Int index = DataTypeEntryIndex(registries, id); index >= 0)
+  if (const Int index = EntryIndex(registries, kDataTypesRegistry, id); index >= 0)
     registries.entries.Erase(index);
 }
 
@@ -230,34 +232,25 @@ void AppendEnumText(TextBuilder& out, const DataType& type, std::int64_t value) 
 Result<void> RegisterEntry(const RegistryEntry& entry) noexcept {
   auto& registries = detail::GetRegistries();
   std::lock_guard lock(registries.mutex);
-  for (const RegistryEntry& existing : registries.entries)
-    if (existing.registryId == entry.registryId && existing.entryId == entry.entryId)
-      return IllegalStateError("Illegal state: registry entry already registered.");
+  if (EntryIndex(registries, entry.registryId, entry.entryId) >= 0)
+    return IllegalStateError("Illegal state: registry entry already registered.");
   return registries.entries.Append(entry);
 }
 
 void UnregisterEntry(const Id& registryId, const Id& entryId) noexcept {
   auto& registries = detail::GetRegistries();
   std::lock_guard lock(registries.mutex);
-  for (Int i = 0; i < registries.entries.GetCount(); ++i) {
-    if (registries.entries[i].registryId == registryId &&
-        registries.entries[i].entryId == entryId) {
-      registries.entries.Erase(i);
-      return;
-    }
-  }
+  if (const Int index = EntryIndex(registries, registryId, entryId); index >= 0)
+    registries.entries.Erase(index);
 }
 
 bool FindEntry(const Id& registryId, const Id& entryId, RegistryEntry* found) noexcept {
   auto& registries = detail::GetRegistries();
   std::lock_guard lock(registries.mutex);
-  for (const RegistryEntry& entry : registries.entries) {
-    if (entry.registryId == registryId && entry.entryId == entryId) {
-      if (found != nullptr) *found = entry;
-      return true;
-    }
-  }
-  return false;
+  const Int index = EntryIndex(registries, registryId, entryId);
+  if (index < 0) return false;
+  if (found != nullptr) *found = registries.entries[index];
+  return true;
 }
 
 Result<BaseArray<RegistryEntry>> ListEntries(const Id& registryId) noexcept {
