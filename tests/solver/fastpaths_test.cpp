@@ -95,10 +95,11 @@ struct Extraction {
   }
 };
 
-// Equal bit for bit, so that a zero of the other sign shows.
-::testing::AssertionResult SameBits(const Matrix& a, const Matrix& b) {
-  if (std::memcmp(&a, &b, sizeof(Matrix)) == 0) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "matrices differ in their bits";
+// Equal bit for bit, so that a zero of the other sign shows (and NaNs equal by their bits).
+template <typename T>
+::testing::AssertionResult SameBits(const T& a, const T& b) {
+  if (std::memcmp(&a, &b, sizeof(T)) == 0) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "values differ in their bits";
 }
 
 TEST(PairedProducts, EqualTheFrameworkProductBitForBit) {
@@ -131,11 +132,6 @@ TEST(PairedProducts, EqualTheFrameworkProductBitForBit) {
   }
 }
 
-// Equal bit for bit, so that a zero of the other sign shows; NaNs equal by their bits.
-bool SameQuaternionBits(const Quaternion& a, const Quaternion& b) {
-  return std::memcmp(&a, &b, sizeof(Quaternion)) == 0;
-}
-
 TEST(RotationBlend, FromTheIdentityEqualsTheBlendBitForBit) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const double inf = std::numeric_limits<double>::infinity();
@@ -157,7 +153,7 @@ TEST(RotationBlend, FromTheIdentityEqualsTheBlendBitForBit) {
       const Result<Quaternion> fast = ca::BlendFromIdentity(q, t);
       const Result<Quaternion> blend = ca::QuaternionBlend(Quaternion(), q, t);
       ASSERT_EQ(fast.has_error(), blend.has_error());
-      EXPECT_TRUE(SameQuaternionBits(fast.value(), blend.value()));
+      EXPECT_TRUE(SameBits(fast.value(), blend.value()));
     }
   }
   // Through the whole application: a half-planar delta under a mirrored parent, where the zero's
