@@ -658,9 +658,11 @@ bool Retargeter::SolveFrame(int64_t frame, std::vector<Matrix>& targetLocals, Io
     tarni::CharacterPoseRef pose(TARNI_TRY(poseClass.Create<tarni::CharacterPose>()));
     TARNI_TRY(TARNI_TRY(pose.MakeWritable())->SetNodeTransformArray(_sourceNodes));
     const tarni::CharacterPoseRef delta = TARNI_TRY(_solver->ExtractGlobalDeltaPose(_config, pose));
-    const tarni::CharacterPoseRef renamed =
-        TARNI_TRY(_helper->TranslateSrcToDestID(_association, delta));
-    const auto& deltas = renamed->GetNodeTransformArray();
+    // Renaming the deltas to target Uuids (TranslateSrcToDestID) serves finding a target joint's
+    // delta by its Uuid; the set-up has already paired each target joint with its delta's index
+    // (_deltaIndexOfTarget), and the application reads only a delta's matrix, so the renamed copy
+    // would be made and dropped unread.
+    const auto& deltas = delta->GetNodeTransformArray();
 
     static constexpr Matrix kIdentity{};
     for (size_t j = 0; j < targetCount; ++j) {
