@@ -615,6 +615,8 @@ bool Retargeter::MakeSolverState(IoError& error) {
           _source.uuids[static_cast<size_t>(s)], _source.restGlobals[static_cast<size_t>(s)],
           parent >= 0 ? _source.restGlobals[static_cast<size_t>(parent)] : Matrix()))));
     }
+    _sourcePose = tarni::CharacterPoseRef(
+        TARNI_TRY(tarni::CreateObject<tarni::CharacterPose>(tarni::CharacterPose::kClassId)));
     _sourceNeeded = JointsWithAncestors(source, _restPoseSources);
     _settingOf.assign(targetCount, nullptr);
     _weightOf.assign(targetCount, 0.0);
@@ -648,16 +650,18 @@ bool Retargeter::SolveFrame(int64_t frame, std::vector<Matrix>& targetLocals, Io
     // the joint's whole world rotation since rest; the target then takes world rotations, which
     // keeps a driven bone pointing where its source bone points even where the two chains differ
     // in length.
-    // The last frame's pose is gone, so the nodes are this set-up's alone and are written in
-    // place; should anything still hold one, MakeWritable gives this frame a copy instead.
+    // One source pose serves every frame. Emptied first, it lets go of the nodes, which are then
+    // this set-up's alone and are written in place (should anything still hold one, MakeWritable
+    // gives this frame a copy instead); emptying keeps the pose's storage for the refill.
+    tarni::CharacterPose* pose = TARNI_TRY(_sourcePose.MakeWritable());
+    TARNI_TRY(pose->SetNodeTransformArray({}));
     for (size_t k = 0; k < _restPoseSources.size(); ++k) {
       TARNI_TRY(_sourceNodes[static_cast<tarni::Int>(k)].MakeWritable())
           ->SetGlobalMatrix(_globals[static_cast<size_t>(_restPoseSources[k])]);
     }
-    static constinit tarni::ClassHandle poseClass(tarni::CharacterPose::kClassId);
-    tarni::CharacterPoseRef pose(TARNI_TRY(poseClass.Create<tarni::CharacterPose>()));
-    TARNI_TRY(TARNI_TRY(pose.MakeWritable())->SetNodeTransformArray(_sourceNodes));
-    const tarni::CharacterPoseRef delta = TARNI_TRY(_solver->ExtractGlobalDeltaPose(_config, pose));
+    TARNI_TRY(pose->SetNodeTransformArray(_sourceNodes));
+    const tarni::CharacterPoseRef delta =
+        TARNI_TRY(_solver->ExtractGlobalDeltaPose(_config, _sourcePose));
     // Renaming the deltas to target Uuids (TranslateSrcToDestID) serves finding a target joint's
     // delta by its Uuid; the set-up has already paired each target joint with its delta's index
     // (_deltaIndexOfTarget), and the application reads only a delta's matrix, so the renamed copy

@@ -119,8 +119,9 @@ class Retargeter {
   std::vector<tarni::Matrix> _alignedGlobals;
   std::vector<tarni::CharacterNodeTransformRef> _targetNodes;  // working copies, one per joint
   // The source pose's nodes, one per entry of _restPoseSources, kept from frame to frame: each
-  // frame writes their global matrices and hands them to a new pose.
+  // frame writes their global matrices and hands them to the source pose, also kept.
   tarni::BaseArray<tarni::CharacterNodeTransformRef> _sourceNodes;
+  tarni::CharacterPoseRef _sourcePose;
   std::vector<uint8_t> _sourceNeeded;  // the source joints a frame reads (ComputeFrameJoints)
   std::vector<tarni::CharacterBodyPartSolverSettingRef> _settingOf;
   std::vector<double> _weightOf;
