@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cmath>
+#include <cstring>
+#include <type_traits>
 
 namespace tarni {
 
@@ -55,10 +57,56 @@ constexpr Vector TransformVector(const Matrix& m, const Vector& v) noexcept {
 constexpr Vector TransformPoint(const Matrix& m, const Vector& p) noexcept {
   return m.off + TransformVector(m, p);
 }
+namespace detail {
+// The x and y components of a Vector side by side in one register. Each lane takes exactly the
+// scalar operations in the scalar order (the build never fuses a multiply and an add), so paired
+// results equal the scalar ones bit for bit, at half the arithmetic instructions. Hierarchies
+// multiply matrices for every joint of every frame.
+using Lanes = Float64 __attribute__((vector_size(16)));
+inline Lanes LoadXY(const Vector& v) noexcept {
+  Lanes lanes;
+  std::memcpy(&lanes, &v.x, sizeof lanes);
+  return lanes;
+}
+inline void StoreXY(Vector& v, Lanes lanes) noexcept { std::memcpy(&v.x, &lanes, sizeof lanes); }
+
+// The axes of a matrix's 3x3 part, paired, for products in TransformVector's order.
+struct PairedAxes {
+  Lanes v1, v2, v3;
+  Float64 z1, z2, z3;
+  explicit PairedAxes(const Matrix& m) noexcept
+      : v1(LoadXY(m.v1)), v2(LoadXY(m.v2)), v3(LoadXY(m.v3)), z1(m.v1.z), z2(m.v2.z), z3(m.v3.z) {}
+  // TransformVector(m, p): (m.v1 * p.x + m.v2 * p.y) + m.v3 * p.z.
+  Vector Transform(const Vector& p) const noexcept {
+    Vector out;
+    StoreXY(out, (v1 * Lanes{p.x, p.x} + v2 * Lanes{p.y, p.y}) + v3 * Lanes{p.z, p.z});
+    out.z = (z1 * p.x + z2 * p.y) + z3 * p.z;
+    return out;
+  }
+};
+
+// operator* outside constant evaluation: the same values, with paired lanes.
+inline Matrix PairedProduct(const Matrix& a, const Matrix& b) noexcept {
+  const PairedAxes axes(a);
+  Matrix product;
+  product.v1 = axes.Transform(b.v1);
+  product.v2 = axes.Transform(b.v2);
+  product.v3 = axes.Transform(b.v3);
+  // TransformPoint: a.off + TransformVector(a, b.off).
+  const Vector moved = axes.Transform(b.off);
+  StoreXY(product.off, LoadXY(a.off) + LoadXY(moved));
+  product.off.z = a.off.z + moved.z;
+  return product;
+}
+}  // namespace detail
+
 // The product a * b: the transform that applies b first, then a.
 constexpr Matrix operator*(const Matrix& a, const Matrix& b) noexcept {
-  return {TransformPoint(a, b.off), TransformVector(a, b.v1), TransformVector(a, b.v2),
-          TransformVector(a, b.v3)};
+  if (std::is_constant_evaluated()) {
+    return {TransformPoint(a, b.off), TransformVector(a, b.v1), TransformVector(a, b.v2),
+            TransformVector(a, b.v3)};
+  }
+  return detail::PairedProduct(a, b);
 }
 
 // A quaternion, vector part first. Default: identity (0, 0, 0, 1).

@@ -149,8 +149,8 @@ Matrix NodeDelta(const CharacterNodeTransform* source, const RestNodeData& rest)
   const Matrix& a = ParentGlobalOf(source);
   const Matrix& c = GlobalOf(source);
   // Written as two inverses, not as B * inverse(A): a singular product must give the identity.
-  const Matrix e = InvertMatrix(Product(a, rest.parentInverse));
-  const Matrix m = Product(e, c);
+  const Matrix e = InvertMatrix(a * rest.parentInverse);
+  const Matrix m = e * c;
   Matrix delta = Multiply3x3(m, rest.globalInverse);
   // A plain difference of translations, not rotated into the rest frame.
   delta.off = m.off - rest.globalOffset;
@@ -245,7 +245,7 @@ class CharacterSolverImpl final : public CharacterSolver {
       if (weight < 0.0) rows = InvertRotationRows(rows);
       // Each axis turns about its own origin; the offset stays. RotateByRows(rows, a) is
       // TransformVector of the rows' matrix, taken here with paired lanes.
-      const detail::PairedAxes turned(RotationRowsToMatrix(rows));
+      const tarni::detail::PairedAxes turned(RotationRowsToMatrix(rows));
       p.v1 = turned.Transform(p.v1);
       p.v2 = turned.Transform(p.v2);
       p.v3 = turned.Transform(p.v3);
@@ -258,7 +258,7 @@ class CharacterSolverImpl final : public CharacterSolver {
       p.v3 = p.v3 * (1.0 + (l3 - 1.0) * ws);
     }
 
-    return Product(InvertMatrix(g), p);
+    return InvertMatrix(g) * p;
   }
 
   Result<Float64> GetCumulatedWeight(

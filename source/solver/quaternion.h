@@ -20,7 +20,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <utility>
 
 #include "tarni/error.h"
@@ -36,32 +35,6 @@ namespace tarni::ca {
 // handed back through memory is read back at once (a stall the inlined code avoids).
 
 namespace detail {
-// The x and y components of a Vector side by side in one register. Each lane takes exactly the
-// scalar operations in the scalar order (no fused operations), so paired results equal the
-// framework's scalar ones bit for bit, at half the arithmetic instructions.
-using Lanes = Float64 __attribute__((vector_size(16)));
-inline Lanes LoadXY(const Vector& v) noexcept {
-  Lanes lanes;
-  std::memcpy(&lanes, &v.x, sizeof lanes);
-  return lanes;
-}
-inline void StoreXY(Vector& v, Lanes lanes) noexcept { std::memcpy(&v.x, &lanes, sizeof lanes); }
-
-// The columns of a matrix's 3x3 part, paired, for TransformVector-order products.
-struct PairedAxes {
-  Lanes v1, v2, v3;
-  Float64 z1, z2, z3;
-  explicit PairedAxes(const Matrix& m) noexcept
-      : v1(LoadXY(m.v1)), v2(LoadXY(m.v2)), v3(LoadXY(m.v3)), z1(m.v1.z), z2(m.v2.z), z3(m.v3.z) {}
-  // TransformVector(m, p): (m.v1 * p.x + m.v2 * p.y) + m.v3 * p.z.
-  Vector Transform(const Vector& p) const noexcept {
-    Vector out;
-    StoreXY(out, (v1 * Lanes{p.x, p.x} + v2 * Lanes{p.y, p.y}) + v3 * Lanes{p.z, p.z});
-    out.z = (z1 * p.x + z2 * p.y) + z3 * p.z;
-    return out;
-  }
-};
-
 // det = v1 . (v2 x v3).
 constexpr Float64 Determinant(const Matrix& m) noexcept { return Dot(m.v1, Cross(m.v2, m.v3)); }
 // The rows of the inverse 3x3 part are the cofactor vectors over det; the caller has ruled out
@@ -94,25 +67,11 @@ constexpr Matrix Invert3x3(const Matrix& m) noexcept {
   return detail::AdjugateOverDeterminant(m, det);
 }
 
-// The framework's product a * b (b applied first), the same values computed with paired lanes.
-inline Matrix Product(const Matrix& a, const Matrix& b) noexcept {
-  const detail::PairedAxes axes(a);
-  Matrix product;
-  product.v1 = axes.Transform(b.v1);
-  product.v2 = axes.Transform(b.v2);
-  product.v3 = axes.Transform(b.v3);
-  // TransformPoint: a.off + TransformVector(a, b.off).
-  const Vector moved = axes.Transform(b.off);
-  detail::StoreXY(product.off, detail::LoadXY(a.off) + detail::LoadXY(moved));
-  product.off.z = a.off.z + moved.z;
-  return product;
-}
-
 // The product of the 3x3 parts, a applied after b: result.vk = a.v1 * b.vk.x + a.v2 * b.vk.y +
 // a.v3 * b.vk.z. The offsets of both operands are ignored and the result's offset is zero.
 inline Matrix Multiply3x3(const Matrix& a, const Matrix& b) noexcept {
   // The axes of a * b are exactly the 3x3 product; the offset is not computed.
-  const detail::PairedAxes axes(a);
+  const tarni::detail::PairedAxes axes(a);
   Matrix product;
   product.off = Vector{0.0, 0.0, 0.0};
   product.v1 = axes.Transform(b.v1);

@@ -102,7 +102,7 @@ template <typename T>
   return ::testing::AssertionFailure() << "values differ in their bits";
 }
 
-TEST(PairedProducts, EqualTheFrameworkProductBitForBit) {
+TEST(PairedProducts, TheThreeByThreeProductEqualsTheFormulaBitForBit) {
   std::mt19937_64 random(7);
   std::uniform_real_distribution<double> value(-3.0, 3.0);
   auto randomMatrix = [&] {
@@ -111,25 +111,25 @@ TEST(PairedProducts, EqualTheFrameworkProductBitForBit) {
       *v = {value(random), value(random), value(random)};
     return m;
   };
-  {
-    // Random operands, and operands whose products round differently in every lane order.
-    for (int k = 0; k < 200; ++k) {
-      const Matrix a = randomMatrix();
-      Matrix b = randomMatrix();
-      if (k % 2 == 1) b.v2 = b.v2 * 1e-17;
-      EXPECT_TRUE(SameBits(ca::Product(a, b), a * b)) << "pair " << k;
-      Matrix linear = a * b;
-      linear.off = {0.0, 0.0, 0.0};
-      EXPECT_TRUE(SameBits(ca::Multiply3x3(a, b), linear)) << "pair " << k;
-    }
+  // The formula one scalar at a time: each axis of a applied to b's axis, offset zero.
+  auto linear = [](const Matrix& a, const Matrix& b) {
+    return Matrix{{0.0, 0.0, 0.0},
+                  TransformVector(a, b.v1),
+                  TransformVector(a, b.v2),
+                  TransformVector(a, b.v3)};
+  };
+  // Random operands, and operands whose sums round differently in any other order.
+  for (int k = 0; k < 200; ++k) {
+    const Matrix a = randomMatrix();
+    Matrix b = randomMatrix();
+    if (k % 2 == 1) b.v2 = b.v2 * 1e-17;
+    EXPECT_TRUE(SameBits(ca::Multiply3x3(a, b), linear(a, b))) << "pair " << k;
   }
-  {
-    // Negative zeros keep their sign where the framework's product keeps it.
-    const Matrix a{{-0.0, 0.0, -0.0}, {-0.0, 1, 0}, {0, -0.0, 1}, {1, 0, -0.0}};
-    const Matrix b{{0.0, -0.0, -0.0}, {-1, -0.0, 0}, {-0.0, 1, -0.0}, {0, 0, -1}};
-    EXPECT_TRUE(SameBits(ca::Product(a, b), a * b));
-    EXPECT_TRUE(SameBits(ca::Product(b, a), b * a));
-  }
+  // Negative zeros keep their sign where the formula keeps it.
+  const Matrix a{{-0.0, 0.0, -0.0}, {-0.0, 1, 0}, {0, -0.0, 1}, {1, 0, -0.0}};
+  const Matrix b{{0.0, -0.0, -0.0}, {-1, -0.0, 0}, {-0.0, 1, -0.0}, {0, 0, -1}};
+  EXPECT_TRUE(SameBits(ca::Multiply3x3(a, b), linear(a, b)));
+  EXPECT_TRUE(SameBits(ca::Multiply3x3(b, a), linear(b, a)));
 }
 
 TEST(RotationBlend, FromTheIdentityEqualsTheBlendBitForBit) {
