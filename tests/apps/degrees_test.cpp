@@ -61,6 +61,20 @@ TEST(Degrees, SineAndCosineStayWithinAUnitInTheLastPlace) {
     if (sine != 0.0L) worstSine = std::max(worstSine, Ulps(turn.s, sine));
     if (cosine != 0.0L) worstCosine = std::max(worstCosine, Ulps(turn.c, cosine));
   }
+  // The ends of the reduced range, where the argument of the series is largest and the quarter
+  // turns meet: odd multiples of 45 degrees and angles a few units in the last place either side.
+  for (int k = -9; k <= 9; k += 2) {
+    double degrees = 45.0 * k;
+    for (int step = 0; step < 6; ++step) degrees = std::nextafter(degrees, -INFINITY);
+    for (int step = 0; step < 12; ++step) {
+      degrees = std::nextafter(degrees, INFINITY);
+      long double sine, cosine;
+      Reference(degrees, sine, cosine);
+      const Turn turn = SinCosDegrees(degrees);
+      worstSine = std::max(worstSine, Ulps(turn.s, sine));
+      worstCosine = std::max(worstCosine, Ulps(turn.c, cosine));
+    }
+  }
   EXPECT_LE(worstSine, 1.0);
   EXPECT_LE(worstCosine, 1.0);
 }
@@ -127,6 +141,44 @@ TEST(Degrees, Atan2StaysWithinOneAndAHalfUnitsAndKeepsTheLibrarysSpecialValues) 
     const Turn turn = SinCosDegrees(degrees);
     EXPECT_TRUE(SameBits(Atan2Degrees(turn.s, turn.c), degrees)) << degrees;
   }
+}
+
+TEST(Degrees, Atan2IsRoundedToNearestOnItsTableStepsAndStaysCloseJustBelowThem) {
+  // The smaller coordinate over the larger is split at multiples of 1/64, whose arctangents come
+  // from a table of two doubles each. On a step the angle is the table's entry alone, so it must
+  // round to nearest (give or take the reference's own error); just below a step the rest of the
+  // angle is at its largest. Every step in each of the eight ways a point's coordinates can be
+  // signed and ordered.
+  double worstOn = 0.0, worstBelow = 0.0;
+  for (int step = 0; step <= 64; ++step) {
+    for (int way = 0; way < 8; ++way) {
+      const double sx = (way & 1) != 0 ? -1.0 : 1.0;
+      const double sy = (way & 2) != 0 ? -1.0 : 1.0;
+      const bool steep = (way & 4) != 0;
+      const auto check = [&](double smaller, double& worst) {
+        const double larger = 0.375 * 64;
+        const double x = sx * (steep ? smaller : larger);
+        const double y = sy * (steep ? larger : smaller);
+        const long double want =
+            std::atan2(static_cast<long double>(y), static_cast<long double>(x)) * 180.0L / kPi;
+        const double got = Atan2Degrees(y, x);
+        if (want == 0.0L) {
+          EXPECT_EQ(got, 0.0) << y << " " << x;
+          return;
+        }
+        worst = std::max(worst, Ulps(got, want));
+      };
+      const double on = 0.375 * step;
+      check(on, worstOn);
+      if (step == 0) continue;
+      check(std::nextafter(on, 0.0), worstBelow);
+      check(std::nextafter(std::nextafter(std::nextafter(on, 0.0), 0.0), 0.0), worstBelow);
+      check(on * (1.0 - 1e-9), worstBelow);
+      check(on * (1.0 - 1.0 / 256), worstBelow);
+    }
+  }
+  EXPECT_LE(worstOn, 0.5 + 1.0 / 64);
+  EXPECT_LE(worstBelow, 1.5);
 }
 
 TEST(Degrees, RowsGiveTheSameBitsAsSingleCalls) {
