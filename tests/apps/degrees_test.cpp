@@ -14,8 +14,10 @@ namespace {
 
 constexpr long double kPi = 3.141592653589793238462643383279502884L;
 
-// |got - want| in units in the last place of want rounded to a double.
+// |got - want| in units in the last place of want rounded to a double; a NaN is infinitely far,
+// so that taking the worst of several never passes over it.
 double Ulps(double got, long double want) {
+  if (std::isnan(got)) return INFINITY;
   const double rounded = static_cast<double>(want);
   const double ulp = std::nextafter(std::fabs(rounded), INFINITY) - std::fabs(rounded);
   return static_cast<double>(std::fabs(static_cast<long double>(got) - want) / ulp);
@@ -118,6 +120,15 @@ TEST(Degrees, Atan2StaysWithinOneAndAHalfUnitsAndKeepsTheLibrarysSpecialValues) 
         std::atan2(static_cast<long double>(y), static_cast<long double>(x)) * 180.0L / kPi;
     worst = std::max(worst, Ulps(Atan2Degrees(y, x), want));
   }
+  // Points far out, up to the largest doubles, where a coordinate times the factor that splits it
+  // into halves would overflow.
+  for (int i = 0; i < 2000; ++i) {
+    const double scale = std::ldexp(1.0, 960 + static_cast<int>(random() % 64));
+    const double y = scale * unit(random), x = scale * unit(random);
+    const long double want =
+        std::atan2(static_cast<long double>(y), static_cast<long double>(x)) * 180.0L / kPi;
+    worst = std::max(worst, Ulps(Atan2Degrees(y, x), want));
+  }
   EXPECT_LE(worst, 1.5);
 
   // Exact where the angle is a whole number of eighths of a right angle's tangent grid ...
@@ -135,6 +146,8 @@ TEST(Degrees, Atan2StaysWithinOneAndAHalfUnitsAndKeepsTheLibrarysSpecialValues) 
   EXPECT_EQ(Atan2Degrees(-0.0, -1.0), -180.0);
   EXPECT_EQ(Atan2Degrees(INFINITY, INFINITY), 45.0);
   EXPECT_EQ(Atan2Degrees(1.0, -INFINITY), 180.0);
+  EXPECT_EQ(Atan2Degrees(-std::numeric_limits<double>::max(), -std::numeric_limits<double>::max()),
+            -135.0);
   EXPECT_TRUE(std::isnan(Atan2Degrees(NAN, 1.0)));
   // A quarter turn made by SinCosDegrees reads back exactly.
   for (const double degrees : {-180.0, -90.0, 0.0, 90.0, 180.0}) {
@@ -183,19 +196,22 @@ TEST(Degrees, Atan2IsRoundedToNearestOnItsTableStepsAndStaysCloseJustBelowThem) 
 
 TEST(Degrees, RowsGiveTheSameBitsAsSingleCalls) {
   // Lengths around the vector widths, so that both the wide loop and its remainder run, and rows
-  // with an angle out of the fast range or a pair that is not finite, which take the single path.
+  // with an angle out of the fast range or a pair that is not finite or too large to split, which
+  // take the single path.
   std::mt19937_64 random(3);
   std::uniform_real_distribution<double> unit(-1.0, 1.0);
   for (const size_t count : {1u, 3u, 7u, 8u, 9u, 31u, 96u}) {
-    for (int variant = 0; variant < 3; ++variant) {
+    for (int variant = 0; variant < 4; ++variant) {
       std::vector<double> angles(count), y(count), x(count);
       for (size_t i = 0; i < count; ++i) {
         angles[i] = 400.0 * unit(random);
         y[i] = unit(random);
         x[i] = unit(random);
       }
-      angles[count / 2] = variant == 1 ? 1e300 : variant == 2 ? NAN : angles[count / 2];
-      x[count - 1] = variant == 1 ? -INFINITY : variant == 2 ? NAN : x[count - 1];
+      const double outlierAngle[4] = {angles[count / 2], 1e300, NAN, 0x1p40 + 0.5};
+      const double outlierX[4] = {x[count - 1], -INFINITY, NAN, -1e308};
+      angles[count / 2] = outlierAngle[variant];
+      x[count - 1] = outlierX[variant];
       std::vector<double> cosines(count), sines(count), atan2s(count);
       SinCosDegrees(angles.data(), count, cosines.data(), sines.data());
       Atan2Degrees(y.data(), x.data(), count, atan2s.data());

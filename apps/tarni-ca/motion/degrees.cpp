@@ -4,7 +4,6 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <limits>
 
 namespace tarni::host {
 namespace {
@@ -214,6 +213,11 @@ constexpr OctantTable kOctantLo = OctantAngles(true);
 // turns cheaply; such angles (never met in motion data) are first brought below one turn.
 constexpr double kLargeDegrees = 0x1p40;
 
+// Beyond this magnitude a coordinate times the splitting factor overflows (a product's rounding
+// error is taken from halves); such points (never met in motion data) are first scaled down by a
+// power of two, which leaves their angle as it is.
+constexpr double kLargeCoordinate = 0x1p996;
+
 // c[0] + z (c[1] + z (c[2] + ...)), unrolled.
 template <typename... Rest>
 [[gnu::always_inline]] inline double Horner(double z, double c0, Rest... rest) {
@@ -373,16 +377,20 @@ void SinCosDegrees(const double* degrees, size_t count, double* cosines, double*
 
 double Atan2Degrees(double y, double x) {
   if (!std::isfinite(x) || !std::isfinite(y)) return std::atan2(y, x) * (kDegreesHi + kDegreesLo);
+  if (std::fmax(std::fabs(x), std::fabs(y)) > kLargeCoordinate) {
+    return Atan2Finite(y * 0x1p-512, x * 0x1p-512);
+  }
   return Atan2Finite(y, x);
 }
 
 void Atan2Degrees(const double* y, const double* x, size_t count, double* degrees) {
-  // As for the sines: the largest magnitude's bits tell whether every coordinate is finite.
+  // As for the sines: the largest magnitude's bits tell whether every coordinate is finite and
+  // small enough to split.
   uint64_t largest = 0;
   for (size_t i = 0; i < count; ++i) {
     largest = std::max(largest, std::max(Magnitude(x[i]), Magnitude(y[i])));
   }
-  if (largest >= std::bit_cast<uint64_t>(std::numeric_limits<double>::infinity())) {
+  if (largest > std::bit_cast<uint64_t>(kLargeCoordinate)) {
     for (size_t i = 0; i < count; ++i) degrees[i] = Atan2Degrees(y[i], x[i]);
     return;
   }
