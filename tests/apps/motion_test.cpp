@@ -304,6 +304,30 @@ TEST(Pose, GuessesPositionModeFromTheData) {
   // Where the modes agree or there is nothing to judge: relative.
   EXPECT_EQ(GuessPositionMode(Positioned({0, 0, 0}, {{5, 5, 5}}), 0), kRel);
   EXPECT_EQ(GuessPositionMode(Chain({0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), 1), kRel);
+
+  // All joints at once read each joint's own columns: rotations only, then positions around the
+  // offset behind a rotation channel, then displacements in another axis order.
+  BvhMotion three;
+  three.joints = {{"Root", -1, {0, 0, 0}, {kX, kY, kZ}},
+                  {"Hip", 0, {0, 95, 0}, {kZ, kPX, kPY, kPZ}},
+                  {"Knee", 1, {0, -40, 0}, {kPZ, kPY, kPX}}};
+  three.channelCount = 10;
+  three.frameCount = 40;
+  three.frameTime = 1;
+  for (int f = 0; f < 40; ++f) {
+    const double d = 0.5 * f;
+    three.values.insert(three.values.end(), {d, -d, 2 * d, 10 - d, d, 92 + 0.1 * d, 40.0 * f,
+                                             0.3 * d, 1 - 0.1 * d, -d});
+  }
+  const std::vector<PositionMode> modes = GuessPositionModes(three);
+  ASSERT_EQ(modes.size(), 3u);
+  EXPECT_EQ(modes[0], kRel);
+  EXPECT_EQ(modes[1], kAbs);
+  EXPECT_EQ(modes[2], kRel);
+  for (int j = 0; j < 3; ++j) EXPECT_EQ(modes[static_cast<size_t>(j)], GuessPositionMode(three, j));
+  // Values that do not match the channels leave every joint relative.
+  three.values.pop_back();
+  EXPECT_EQ(GuessPositionModes(three), std::vector<PositionMode>(3, kRel));
 }
 
 TEST(Pose, SharedClipsRestPosesAndPositionModes) {
