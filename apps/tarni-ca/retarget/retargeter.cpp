@@ -569,8 +569,9 @@ bool Retargeter::LinkJoints(std::string_view targetName, IoError& error) {
       }
     }
   }
-  // The source rest pose the configuration sees holds the associated joints only: renaming a
-  // pose stops at the first node without a partner.
+  // The source rest pose the configuration sees holds the associated joints only: a frame
+  // extracts no delta that drives nothing, and a host that renames the deltas of a stored set-up
+  // (TranslateSrcToDestID) stops at the first node without a partner.
   std::vector<int> restIndexOf(sourceCount, -1);
   if (!fromStoredPose) {
     _restPoseSources.clear();
