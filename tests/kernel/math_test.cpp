@@ -7,6 +7,7 @@
 #include <limits>
 #include <random>
 
+#include "support/randommatrix.h"
 #include "tarni/math.h"
 
 namespace tarni {
@@ -39,17 +40,10 @@ constexpr Matrix ScalarProduct(const Matrix& a, const Matrix& b) {
 
 TEST(MatrixProduct, PairedLanesGiveTheScalarFormulaBitForBit) {
   std::mt19937_64 random(7);
-  std::uniform_real_distribution<double> value(-3.0, 3.0);
-  auto randomMatrix = [&] {
-    Matrix m;
-    for (Vector* v : {&m.off, &m.v1, &m.v2, &m.v3})
-      *v = {value(random), value(random), value(random)};
-    return m;
-  };
   // Random operands, and operands whose sums round differently in any other order.
   for (int k = 0; k < 400; ++k) {
-    const Matrix a = randomMatrix();
-    Matrix b = randomMatrix();
+    const Matrix a = testing::RandomMatrix(random);
+    Matrix b = testing::RandomMatrix(random);
     if (k % 2 == 1) b.v2 = b.v2 * 1e-17;
     if (k % 3 == 2) b.off = b.off * 1e17;
     EXPECT_TRUE(SameBits(a * b, ScalarProduct(a, b))) << "pair " << k;

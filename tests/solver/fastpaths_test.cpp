@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "source/solver/quaternion.h"
+#include "support/randommatrix.h"
 #include "support/samplecharacter.h"
 #include "tarni/charactersolver.h"
 #include "tarni/describe.h"
@@ -104,13 +105,6 @@ template <typename T>
 
 TEST(PairedProducts, TheThreeByThreeProductEqualsTheFormulaBitForBit) {
   std::mt19937_64 random(7);
-  std::uniform_real_distribution<double> value(-3.0, 3.0);
-  auto randomMatrix = [&] {
-    Matrix m;
-    for (Vector* v : {&m.off, &m.v1, &m.v2, &m.v3})
-      *v = {value(random), value(random), value(random)};
-    return m;
-  };
   // The formula one scalar at a time: each axis of a applied to b's axis, offset zero.
   auto linear = [](const Matrix& a, const Matrix& b) {
     return Matrix{{0.0, 0.0, 0.0},
@@ -120,8 +114,8 @@ TEST(PairedProducts, TheThreeByThreeProductEqualsTheFormulaBitForBit) {
   };
   // Random operands, and operands whose sums round differently in any other order.
   for (int k = 0; k < 200; ++k) {
-    const Matrix a = randomMatrix();
-    Matrix b = randomMatrix();
+    const Matrix a = testing::RandomMatrix(random);
+    Matrix b = testing::RandomMatrix(random);
     if (k % 2 == 1) b.v2 = b.v2 * 1e-17;
     EXPECT_TRUE(SameBits(ca::Multiply3x3(a, b), linear(a, b))) << "pair " << k;
   }
