@@ -57,11 +57,12 @@ constexpr Vector TransformVector(const Matrix& m, const Vector& v) noexcept {
 constexpr Vector TransformPoint(const Matrix& m, const Vector& p) noexcept {
   return m.off + TransformVector(m, p);
 }
+
 namespace detail {
 // The x and y components of a Vector side by side in one register. Each lane takes exactly the
-// scalar operations in the scalar order (the build never fuses a multiply and an add), so paired
-// results equal the scalar ones bit for bit, at half the arithmetic instructions. Hierarchies
-// multiply matrices for every joint of every frame.
+// scalar operations in the scalar order, so paired results equal the scalar ones bit for bit (in
+// builds that do not fuse a multiply and an add, as this project's: -ffp-contract=off), at half
+// the arithmetic instructions. Hierarchies multiply matrices for every joint of every frame.
 using Lanes = Float64 __attribute__((vector_size(16)));
 inline Lanes LoadXY(const Vector& v) noexcept {
   Lanes lanes;
