@@ -42,8 +42,8 @@ struct MemberDescription {
   // The member in the described instance; null for class descriptions. It is for reading the
   // member, and for filling an instance that nothing has used yet (a stored object read into a
   // new one). Writing through it into an instance already in use bypasses copy-on-write and what
-  // the instance keeps derived from the member (a pose's lookup index, the solver's rest data):
-  // such members are changed through their setters.
+  // the instance keeps derived from the member (a pose's lookup index, the solver's rest data, a
+  // node's kept inverse): such members are changed through their setters.
   void* address = nullptr;
 };
 

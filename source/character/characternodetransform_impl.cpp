@@ -35,7 +35,10 @@ class CharacterNodeTransformImpl final : public NodeInfoComponent<CharacterNodeT
 
   void SetGlobalMatrix(const Matrix& matrix) noexcept override { _globalMat = matrix; }
   const Matrix& GetGlobalMatrix() const noexcept override { return _globalMat; }
-  void SetParentGlobalMatrix(const Matrix& matrix) noexcept override { _parentGlobalMat = matrix; }
+  void SetParentGlobalMatrix(const Matrix& matrix) noexcept override {
+    _parentGlobalMat = matrix;
+    _parentDerived.Clear();
+  }
   const Matrix& GetParentGlobalMatrix() const noexcept override { return _parentGlobalMat; }
   void SetPreMultiplyMatrix(const Matrix& matrix) noexcept override { _preMultiplyMat = matrix; }
   const Matrix& GetPreMultiplyMatrix() const noexcept override { return _preMultiplyMat; }
@@ -61,6 +64,7 @@ class CharacterNodeTransformImpl final : public NodeInfoComponent<CharacterNodeT
     CopyNodeInfoFrom(*other);
     _globalMat = other->_globalMat;
     _parentGlobalMat = other->_parentGlobalMat;
+    _parentDerived.Clear();
     _preMultiplyMat = other->_preMultiplyMat;
     return OK;
   }
@@ -70,6 +74,8 @@ class CharacterNodeTransformImpl final : public NodeInfoComponent<CharacterNodeT
   }
   // The node-info members, then "_globalMat", "_parentGlobalMat", "_preMultiplyMat".
   static Result<void> Describe(Describer& describer, CharacterNodeTransformImpl* self) noexcept {
+    // The describer may write the parent global matrix.
+    if (self != nullptr) self->_parentDerived.Clear();
     TARNI_TRY(DescribeNodeInfo(describer, self));
     TARNI_TRY(describer.Member(
         {"_globalMat", types::kMatrix, kDescribeNone, {}, self ? &self->_globalMat : nullptr}));
@@ -89,6 +95,11 @@ class CharacterNodeTransformImpl final : public NodeInfoComponent<CharacterNodeT
   Matrix _globalMat;
   Matrix _parentGlobalMat;
   Matrix _preMultiplyMat;
+  // A matrix derived from _parentGlobalMat (the solver keeps its inverse here).
+  KeptMatrix _parentDerived;
+
+  friend const Matrix& ca::DeriveFromParentGlobal(const CharacterNodeTransform* node,
+                                                  MatrixFunction derive, Matrix& scratch) noexcept;
 };
 
 constexpr Id kInterfaces[] = {CharacterNodeTransform::kInterfaceId,
@@ -228,6 +239,29 @@ Result<CharacterNodeTransformRef> NewNode(const CharacterNodeTransformImpl& sour
       Ref<CharacterNodeTransform>::AdoptNew(static_cast<CharacterNodeTransform*>(copy)));
 }
 }  // namespace
+
+void KeptMatrix::Keep(MatrixFunction derive, const Matrix& value) const noexcept {
+  void* memory = Allocate(sizeof(Kept));
+  if (memory == nullptr) return;
+  Kept* kept = ::new (memory) Kept{derive, value};
+  Kept* expected = nullptr;
+  if (!_kept.compare_exchange_strong(expected, kept, std::memory_order_acq_rel,
+                                     std::memory_order_relaxed))
+    Free(kept);
+}
+
+void KeptMatrix::Drop() noexcept {
+  if (Kept* kept = _kept.exchange(nullptr, std::memory_order_relaxed)) Free(kept);
+}
+
+const Matrix& DeriveFromParentGlobal(const CharacterNodeTransform* node, MatrixFunction derive,
+                                     Matrix& scratch) noexcept {
+  if (node == nullptr) return scratch = derive(Matrix{});
+  if (typeid(*node) != typeid(CharacterNodeTransformImpl))
+    return scratch = derive(node->GetParentGlobalMatrix());
+  const auto* own = static_cast<const CharacterNodeTransformImpl*>(node);
+  return own->_parentDerived.Get(own->_parentGlobalMat, derive, scratch);
+}
 
 Result<CharacterNodeTransformRef> CopyNode(const CharacterNodeTransformRef& node) noexcept {
   const CharacterNodeTransformImpl* own = OwnNode(node);

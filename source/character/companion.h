@@ -1,9 +1,13 @@
 // Companions: data that a frame loop derives once from one of this module's objects and keeps with
 // it, so that later frames read it instead of computing it again (the solver's inverses of rest
-// matrices, kept with the rest pose; the index of renamed poses, kept with the association).
+// matrices, kept with the rest pose; the index of renamed poses, kept with the association; the
+// inverse of a target node's parent global matrix, kept in the node).
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+
+#include "tarni/math.h"
 
 namespace tarni::ca {
 
@@ -45,6 +49,51 @@ class CompanionSlot {
 
  private:
   mutable std::atomic<Companion*> _companion{nullptr};
+};
+
+// A function of one matrix, such as the solver's inverse.
+using MatrixFunction = Matrix (*)(const Matrix&);
+
+// One matrix derived from a member matrix of its owner, kept out of line so that the owner grows
+// by a pointer only (its many copies start empty anyway). The first call of Get keeps its result;
+// later calls with the same function return it. Keeping is the only change made while other
+// threads may read the owner, so it is a compare-and-swap: the first matrix kept wins. When the
+// memory cannot be had the matrix is derived on every call. The owner clears the slot whenever
+// the member changes; a copy starts empty.
+class KeptMatrix {
+ public:
+  KeptMatrix() noexcept = default;
+  KeptMatrix(const KeptMatrix&) noexcept {}
+  KeptMatrix& operator=(const KeptMatrix&) noexcept {
+    Clear();
+    return *this;
+  }
+  ~KeptMatrix() { Clear(); }
+
+  // derive(from), kept or derived now: a reference to the kept matrix, or to `scratch` holding the
+  // one derived. `from` must be the member the slot belongs to.
+  const Matrix& Get(const Matrix& from, MatrixFunction derive, Matrix& scratch) const noexcept {
+    const Kept* kept = _kept.load(std::memory_order_acquire);
+    if (kept != nullptr && kept->derive == derive) return kept->value;
+    scratch = derive(from);
+    if (kept == nullptr) Keep(derive, scratch);
+    return scratch;
+  }
+
+  // Forgets the kept matrix. Only on an owner nobody else reads; the load first spares the many
+  // owners that never kept one an atomic exchange.
+  void Clear() noexcept {
+    if (_kept.load(std::memory_order_relaxed) != nullptr) Drop();
+  }
+
+ private:
+  struct Kept {
+    MatrixFunction derive;
+    Matrix value;
+  };
+  void Keep(MatrixFunction derive, const Matrix& value) const noexcept;
+  void Drop() noexcept;
+  mutable std::atomic<Kept*> _kept{nullptr};
 };
 
 }  // namespace tarni::ca

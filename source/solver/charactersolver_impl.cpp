@@ -221,7 +221,6 @@ class CharacterSolverImpl final : public CharacterSolver {
     TARNI_CHECK_STATE_WITH(bpSetting, Matrix());
     Matrix p = GlobalOf(target.Get());
     const Matrix& dl = GlobalOf(delta.Get());
-    const Matrix& g = ParentGlobalOf(target.Get());
 
     if (bpSetting->IsTransformActive(TransformComponent::POSITION)) {
       const Float64 wp = bpSetting->GetTransformWeight(TransformComponent::POSITION) * weight;
@@ -245,7 +244,10 @@ class CharacterSolverImpl final : public CharacterSolver {
       if (weight < 0.0) rows = InvertRotationRows(rows);
       // Each axis turns about its own origin; the offset stays. RotateByRows(rows, a) is
       // TransformVector of the rows' matrix, taken here with paired lanes.
-      const tarni::detail::PairedAxes turned(RotationRowsToMatrix(rows));
+      using tarni::detail::Lanes;
+      const tarni::detail::PairedAxes turned(Lanes{rows.x.x, rows.y.x}, Lanes{rows.x.y, rows.y.y},
+                                             Lanes{rows.x.z, rows.y.z}, rows.z.x, rows.z.y,
+                                             rows.z.z);
       p.v1 = turned.Transform(p.v1);
       p.v2 = turned.Transform(p.v2);
       p.v3 = turned.Transform(p.v3);
@@ -258,7 +260,9 @@ class CharacterSolverImpl final : public CharacterSolver {
       p.v3 = p.v3 * (1.0 + (l3 - 1.0) * ws);
     }
 
-    return InvertMatrix(g) * p;
+    // The target is usually a rest node, the same one frame after frame: it keeps the inverse.
+    Matrix scratch;
+    return DeriveFromParentGlobal(target.Get(), &InvertMatrix, scratch) * p;
   }
 
   Result<Float64> GetCumulatedWeight(

@@ -806,6 +806,18 @@ TEST(ModuleOutOfMemory, OperationsThatCannotFailAllocateNothing) {
   ASSERT_TRUE(data->Set<float>(kKeyReducerStrengthId, 0.5f));
   CharacterNodeInfo* infoW = info.MakeWritable().value();
   CharacterPose* poseW = pose.MakeWritable().value();
+  // Applying a delta keeps the inverse of the target's parent matrix in the target node when memory
+  // allows. Without memory the inverse is made for the call alone, to the same bits; once kept,
+  // nothing is allocated (below).
+  {
+    const CharacterNodeTransformRef& target = pose->GetNodeTransformArray()[2];
+    fault::FailAllocationsFrom(1);
+    const Result<Matrix> without = solver->ApplyGlobalRotationDelta(target, node, setting, 0.6);
+    fault::Disarm();
+    ASSERT_TRUE(without);
+    EXPECT_EQ(without.value(),
+              solver->ApplyGlobalRotationDelta(target, node, setting, 0.6).value());
+  }
   const CharacterBodyPartRef& hand = parts.parts[2];
 
   const std::vector<std::pair<const char*, std::function<void()>>> operations = {
@@ -858,7 +870,8 @@ TEST(ModuleOutOfMemory, OperationsThatCannotFailAllocateNothing) {
          config->SetSolvingMode(SolvingMode::CONTROLLERTOCONTROLLER);
          EXPECT_TRUE(config->ClearBodyPartSetting());
        }},
-      {"CharacterSolver::ApplyGlobalRotationDelta and GetCumulatedWeight",
+      {"CharacterSolver::ApplyGlobalRotationDelta (onto a target keeping its inverse) and "
+       "GetCumulatedWeight",
        [&] {
          const CharacterNodeTransformRef& target = pose->GetNodeTransformArray()[2];
          EXPECT_TRUE(solver->ApplyGlobalRotationDelta(target, node, setting, 0.6));

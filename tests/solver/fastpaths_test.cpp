@@ -1,6 +1,7 @@
-// The data a frame keeps between calls: a pose's first-match index and the rest data the delta
-// extraction keeps with a rest pose. Whatever was kept, every answer must be the one a plain scan
-// of the arrays and the formula give, after any change of the pose, and on several threads.
+// The data a frame keeps between calls: a pose's first-match index, the rest data the delta
+// extraction keeps with a rest pose and the inverse a target node keeps of its parent matrix.
+// Whatever was kept, every answer must be the one a plain scan of the arrays and the formula give,
+// after any change of the pose or node, and on several threads.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -332,6 +333,49 @@ TEST(DeltaExtraction, KeptRestDataFollowsTheRestPose) {
     EXPECT_EQ(first->GetGlobalMatrix(), global);
     EXPECT_EQ(first->GetRefCount(), 1);
   }
+}
+
+// Applying a delta ends with the inverse of the target's parent global matrix, which the target
+// node keeps. Every way of changing that matrix must drop what was kept.
+TEST(DeltaApplication, KeptInverseFollowsTheTargetsParentMatrix) {
+  const CharacterBodyPartSolverSettingRef setting =
+      testing::MakeSetting(testing::Ident("arm"), 1.0, true, true);
+  const CharacterNodeTransformRef delta = Node(1, 3.0);
+  const CharacterSolverRef solver =
+      CreateObject<CharacterSolver>(CharacterSolver::kClassId).value();
+  const Matrix global = Sheared(2.0, {4, 5, 6});
+  const CharacterSolver& s = *solver;
+  auto apply = [&](const CharacterNodeTransformRef& target) {
+    return s.ApplyGlobalRotationDelta(target, delta, setting, 0.6).value();
+  };
+  // The formula with the parent `parent`: the result for an identity parent, brought under it.
+  auto expected = [&](const Matrix& parent) {
+    return ca::InvertMatrix(parent) * apply(CreateNodeTransform(U(9), global, Matrix{}).value());
+  };
+  const Matrix parents[] = {Sheared(1.0, {1, 2, 3}), Sheared(4.0, {-1, 0, 2}),
+                            Sheared(6.0, {0, 3, 0}), Sheared(8.0, {2, 2, 2})};
+
+  CharacterNodeTransformRef target = CreateNodeTransform(U(2), global, parents[0]).value();
+  EXPECT_EQ(apply(target), expected(parents[0]));
+  EXPECT_EQ(apply(target), expected(parents[0]));  // now from the kept inverse
+  // Set on the node itself (its only reference: no clone).
+  CharacterNodeTransform* writable = target.MakeWritable().value();
+  writable->SetParentGlobalMatrix(parents[1]);
+  EXPECT_EQ(apply(target), expected(parents[1]));
+  // Set on a clone: the clone and the original each answer for their own matrix.
+  CharacterNodeTransformRef clone = target;
+  clone.MakeWritable().value()->SetParentGlobalMatrix(parents[2]);
+  EXPECT_EQ(apply(clone), expected(parents[2]));
+  EXPECT_EQ(apply(target), expected(parents[1]));
+  // Copied from another node.
+  ASSERT_TRUE(target.MakeWritable().value()->CopyFrom(*clone));
+  EXPECT_EQ(apply(target), expected(parents[2]));
+  // Written through DescribeIO's address.
+  MemberList members;
+  ASSERT_TRUE(target.MakeWritable().value()->DescribeIO(members));
+  for (const auto& member : members.members)
+    if (member.name == "_parentGlobalMat") *static_cast<Matrix*>(member.address) = parents[3];
+  EXPECT_EQ(apply(target), expected(parents[3]));
 }
 
 }  // namespace

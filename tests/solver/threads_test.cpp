@@ -105,7 +105,8 @@ std::vector<Matrix> SolveAll(const SharedSetUp& s) {
 
 TEST(CharacterSolverThreads, SharedSetUpSolvesAsOnOneThread) {
   // The threads get a set-up of their own that nothing has solved yet, so the caches poses keep
-  // for lookups and extractions are first made while all of them race for it.
+  // for lookups and extractions, and the inverses target nodes keep, are first made while all of
+  // them race for them.
   const SharedSetUp reference;
   const SharedSetUp shared;
   const std::string before = shared.Text();
