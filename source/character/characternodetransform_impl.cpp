@@ -98,8 +98,7 @@ class CharacterNodeTransformImpl final : public NodeInfoComponent<CharacterNodeT
   // A matrix derived from _parentGlobalMat (the solver keeps its inverse here).
   KeptMatrix _parentDerived;
 
-  friend const Matrix& ca::DeriveFromParentGlobal(const CharacterNodeTransform* node,
-                                                  MatrixFunction derive, Matrix& scratch) noexcept;
+  friend std::ptrdiff_t MeasureParentDerivedOffset() noexcept;
 };
 
 constexpr Id kInterfaces[] = {CharacterNodeTransform::kInterfaceId,
@@ -124,11 +123,18 @@ std::ptrdiff_t MeasureUuidOffset() noexcept {
              &probe.NodeInfoComponent<CharacterNodeTransform>::GetUuid()) -
          reinterpret_cast<const char*>(&node);
 }
+std::ptrdiff_t MeasureParentDerivedOffset() noexcept {
+  const CharacterNodeTransformImpl probe;
+  const CharacterNodeTransform& node = probe;
+  return reinterpret_cast<const char*>(&probe._parentDerived) -
+         reinterpret_cast<const char*>(&node);
+}
 }  // namespace
 
 namespace detail {
 const std::type_info& kOwnNodeType = typeid(CharacterNodeTransformImpl);
 const std::ptrdiff_t kOwnNodeUuidOffset = MeasureUuidOffset();
+const std::ptrdiff_t kOwnNodeParentDerivedOffset = MeasureParentDerivedOffset();
 
 const Uuid& OtherNodeUuidOf(const CharacterNodeTransform* node) noexcept {
   return node == nullptr ? kEmptyUuid : node->GetUuid();
@@ -252,15 +258,6 @@ void KeptMatrix::Keep(MatrixFunction derive, const Matrix& value) const noexcept
 
 void KeptMatrix::Drop() noexcept {
   if (Kept* kept = _kept.exchange(nullptr, std::memory_order_relaxed)) Free(kept);
-}
-
-const Matrix& DeriveFromParentGlobal(const CharacterNodeTransform* node, MatrixFunction derive,
-                                     Matrix& scratch) noexcept {
-  if (node == nullptr) return scratch = derive(Matrix{});
-  if (typeid(*node) != typeid(CharacterNodeTransformImpl))
-    return scratch = derive(node->GetParentGlobalMatrix());
-  const auto* own = static_cast<const CharacterNodeTransformImpl*>(node);
-  return own->_parentDerived.Get(own->_parentGlobalMat, derive, scratch);
 }
 
 Result<CharacterNodeTransformRef> CopyNode(const CharacterNodeTransformRef& node) noexcept {

@@ -55,11 +55,13 @@ class CompanionSlot {
 using MatrixFunction = Matrix (*)(const Matrix&);
 
 // One matrix derived from a member matrix of its owner, kept out of line so that the owner grows
-// by a pointer only (its many copies start empty anyway). The first call of Get keeps its result;
-// later calls with the same function return it. Keeping is the only change made while other
-// threads may read the owner, so it is a compare-and-swap: the first matrix kept wins. When the
-// memory cannot be had the matrix is derived on every call. The owner clears the slot whenever
-// the member changes; a copy starts empty.
+// by a pointer and a flag only (its many copies start empty anyway). The matrix is kept when it is
+// offered a second time with the member unchanged: an owner whose member changes between every two
+// offers (a host moving a node each frame) keeps nothing and allocates nothing. Peek then hands
+// the kept matrix out. Keeping is the only change made while other threads
+// may read the owner: the flag is only ever set, and the matrix is attached by a compare-and-swap,
+// the first one kept winning. When the memory cannot be had the matrix is derived on every call.
+// The owner clears the slot whenever the member changes; a copy starts empty.
 class KeptMatrix {
  public:
   KeptMatrix() noexcept = default;
@@ -70,19 +72,27 @@ class KeptMatrix {
   }
   ~KeptMatrix() { Clear(); }
 
-  // derive(from), kept or derived now: a reference to the kept matrix, or to `scratch` holding the
-  // one derived. `from` must be the member the slot belongs to.
-  const Matrix& Get(const Matrix& from, MatrixFunction derive, Matrix& scratch) const noexcept {
+  // The matrix kept by `derive`, or null.
+  const Matrix* Peek(MatrixFunction derive) const noexcept {
     const Kept* kept = _kept.load(std::memory_order_acquire);
-    if (kept != nullptr && kept->derive == derive) return kept->value;
-    scratch = derive(from);
-    if (kept == nullptr) Keep(derive, scratch);
-    return scratch;
+    return kept != nullptr && kept->derive == derive ? &kept->value : nullptr;
   }
 
-  // Forgets the kept matrix. Only on an owner nobody else reads; the load first spares the many
+  // Offers `value`, what `derive` made of the member as it is now: kept if the member was asked
+  // for before, remembered as asked for otherwise.
+  void Offer(MatrixFunction derive, const Matrix& value) const noexcept {
+    if (_kept.load(std::memory_order_relaxed) != nullptr) return;
+    if (_asked.load(std::memory_order_relaxed)) {
+      Keep(derive, value);
+    } else {
+      _asked.store(true, std::memory_order_relaxed);
+    }
+  }
+
+  // Forgets the kept matrix. Only on an owner nobody else reads; the loads first spare the many
   // owners that never kept one an atomic exchange.
   void Clear() noexcept {
+    if (_asked.load(std::memory_order_relaxed)) _asked.store(false, std::memory_order_relaxed);
     if (_kept.load(std::memory_order_relaxed) != nullptr) Drop();
   }
 
@@ -94,6 +104,7 @@ class KeptMatrix {
   void Keep(MatrixFunction derive, const Matrix& value) const noexcept;
   void Drop() noexcept;
   mutable std::atomic<Kept*> _kept{nullptr};
+  mutable std::atomic<bool> _asked{false};
 };
 
 }  // namespace tarni::ca

@@ -29,7 +29,20 @@ extern const std::type_info& kOwnNodeType;
 extern const std::ptrdiff_t kOwnNodeUuidOffset;
 // NodeUuidOf for nodes of other classes and null.
 const Uuid& OtherNodeUuidOf(const CharacterNodeTransform* node) noexcept;
+// Where the kept matrix of the parent global matrix lies in such a node (KeptParentDerivedOf).
+extern const std::ptrdiff_t kOwnNodeParentDerivedOffset;
 }  // namespace detail
+
+// The slot in which a node of this module's class keeps a matrix derived from its parent global
+// matrix (the solver keeps the inverse there), or null for nodes of other classes and null.
+// Inline: the solver asks for every target node and frame.
+inline const KeptMatrix* KeptParentDerivedOf(const CharacterNodeTransform* node) noexcept {
+  // The class is final: an equal type is exactly this class.
+  if (node != nullptr && typeid(*node) == detail::kOwnNodeType)
+    return reinterpret_cast<const KeptMatrix*>(reinterpret_cast<const char*>(node) +
+                                               detail::kOwnNodeParentDerivedOffset);
+  return nullptr;
+}
 
 // The Uuid of `node` as GetUuid gives it, or the empty Uuid for a null node; this module's own
 // node class is read without the virtual call. Inline: the frame loops ask for every node's Uuid.

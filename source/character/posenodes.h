@@ -51,12 +51,4 @@ const Companion* AttachPoseCompanion(const CharacterPose& pose, Companion* compa
 Result<CharacterNodeTransformRef> CopyNodeWithUuid(const CharacterNodeTransformRef& node,
                                                    const Uuid& uuid) noexcept;
 
-// derive(the parent global matrix of `node`), or derive(identity) for a missing node. A node of
-// this module's class keeps the result until its parent global matrix is set again, so a caller
-// that derives the same matrix for the same nodes frame after frame (the solver, inverting target
-// rest matrices) computes it once. Returns the kept matrix, or `scratch` holding the one derived
-// now. Threads may share the node.
-const Matrix& DeriveFromParentGlobal(const CharacterNodeTransform* node, MatrixFunction derive,
-                                     Matrix& scratch) noexcept;
-
 }  // namespace tarni::ca

@@ -260,9 +260,15 @@ class CharacterSolverImpl final : public CharacterSolver {
       p.v3 = p.v3 * (1.0 + (l3 - 1.0) * ws);
     }
 
-    // The target is usually a rest node, the same one frame after frame: it keeps the inverse.
-    Matrix scratch;
-    return DeriveFromParentGlobal(target.Get(), &InvertMatrix, scratch) * p;
+    // The target is usually a rest node, the same one frame after frame: from the second frame on
+    // it keeps the inverse. A node whose parent matrix is set every frame keeps nothing.
+    const KeptMatrix* kept = KeptParentDerivedOf(target.Get());
+    if (kept != nullptr) {
+      if (const Matrix* inverse = kept->Peek(&InvertMatrix)) return *inverse * p;
+    }
+    const Matrix inverse = InvertMatrix(ParentGlobalOf(target.Get()));
+    if (kept != nullptr) kept->Offer(&InvertMatrix, inverse);
+    return inverse * p;
   }
 
   Result<Float64> GetCumulatedWeight(

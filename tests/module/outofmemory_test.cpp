@@ -806,17 +806,20 @@ TEST(ModuleOutOfMemory, OperationsThatCannotFailAllocateNothing) {
   ASSERT_TRUE(data->Set<float>(kKeyReducerStrengthId, 0.5f));
   CharacterNodeInfo* infoW = info.MakeWritable().value();
   CharacterPose* poseW = pose.MakeWritable().value();
-  // Applying a delta keeps the inverse of the target's parent matrix in the target node when memory
-  // allows. Without memory the inverse is made for the call alone, to the same bits; once kept,
-  // nothing is allocated (below).
+  // Applying a delta keeps the inverse of the target's parent matrix in the target node, from the
+  // second call on, when memory allows. Without memory the inverse is made for the call alone, to
+  // the same bits; once kept, nothing is allocated (below).
   {
     const CharacterNodeTransformRef& target = pose->GetNodeTransformArray()[2];
+    const Result<Matrix> first = solver->ApplyGlobalRotationDelta(target, node, setting, 0.6);
+    ASSERT_TRUE(first);
     fault::FailAllocationsFrom(1);
     const Result<Matrix> without = solver->ApplyGlobalRotationDelta(target, node, setting, 0.6);
     fault::Disarm();
+    EXPECT_TRUE(fault::Triggered());
     ASSERT_TRUE(without);
-    EXPECT_EQ(without.value(),
-              solver->ApplyGlobalRotationDelta(target, node, setting, 0.6).value());
+    EXPECT_EQ(without.value(), first.value());
+    EXPECT_EQ(solver->ApplyGlobalRotationDelta(target, node, setting, 0.6).value(), first.value());
   }
   const CharacterBodyPartRef& hand = parts.parts[2];
 
