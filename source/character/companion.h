@@ -58,10 +58,10 @@ using MatrixFunction = Matrix (*)(const Matrix&);
 // by a pointer and a flag only (its many copies start empty anyway). The matrix is kept when it is
 // offered a second time with the member unchanged: an owner whose member changes between every two
 // offers (a host moving a node each frame) keeps nothing and allocates nothing. Peek then hands
-// the kept matrix out. Keeping is the only change made while other threads
-// may read the owner: the flag is only ever set, and the matrix is attached by a compare-and-swap,
-// the first one kept winning. When the memory cannot be had the matrix is derived on every call.
-// The owner clears the slot whenever the member changes; a copy starts empty.
+// the kept matrix out. Keeping is the only change made while other threads may read the owner:
+// the flag is only ever set, and the matrix is attached by a compare-and-swap, the first one kept
+// winning. When the memory cannot be had the matrix is derived on every call. The owner clears the
+// slot whenever the member changes; a copy starts empty.
 class KeptMatrix {
  public:
   KeptMatrix() noexcept = default;
