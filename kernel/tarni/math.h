@@ -77,8 +77,7 @@ struct PairedAxes {
   Float64 z1, z2, z3;
   explicit PairedAxes(const Matrix& m) noexcept
       : v1(LoadXY(m.v1)), v2(LoadXY(m.v2)), v3(LoadXY(m.v3)), z1(m.v1.z), z2(m.v2.z), z3(m.v3.z) {}
-  // From axes computed in registers: pairing them there spares the store and the wide reload of
-  // a Matrix written one component at a time, which the processor cannot forward.
+  // From axes already paired (the x and y of each axis, then each axis's z).
   PairedAxes(Lanes xy1, Lanes xy2, Lanes xy3, Float64 axisZ1, Float64 axisZ2,
              Float64 axisZ3) noexcept
       : v1(xy1), v2(xy2), v3(xy3), z1(axisZ1), z2(axisZ2), z3(axisZ3) {}

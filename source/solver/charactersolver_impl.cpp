@@ -244,10 +244,7 @@ class CharacterSolverImpl final : public CharacterSolver {
       if (weight < 0.0) rows = InvertRotationRows(rows);
       // Each axis turns about its own origin; the offset stays. RotateByRows(rows, a) is
       // TransformVector of the rows' matrix, taken here with paired lanes.
-      using tarni::detail::Lanes;
-      const tarni::detail::PairedAxes turned(Lanes{rows.x.x, rows.y.x}, Lanes{rows.x.y, rows.y.y},
-                                             Lanes{rows.x.z, rows.y.z}, rows.z.x, rows.z.y,
-                                             rows.z.z);
+      const tarni::detail::PairedAxes turned = PairedAxesOfRows(rows);
       p.v1 = turned.Transform(p.v1);
       p.v2 = turned.Transform(p.v2);
       p.v3 = turned.Transform(p.v3);

@@ -139,6 +139,19 @@ constexpr Matrix RotationRowsToMatrix(const RotationRows& rows) noexcept {
           Vector{rows.x.y, rows.y.y, rows.z.y}, Vector{rows.x.z, rows.y.z, rows.z.z}};
 }
 
+// RotationRowsToMatrix(rows) as paired axes for TransformVector, built from the rows in registers
+// rather than loaded back from a Matrix written one component at a time (which the processor
+// cannot forward to the wide loads).
+inline tarni::detail::PairedAxes PairedAxesOfRows(const RotationRows& rows) noexcept {
+  using tarni::detail::Lanes;
+  return {Lanes{rows.x.x, rows.y.x},
+          Lanes{rows.x.y, rows.y.y},
+          Lanes{rows.x.z, rows.y.z},
+          rows.z.x,
+          rows.z.y,
+          rows.z.z};
+}
+
 // The inverse of the rows (adjugate over determinant); a determinant of exactly 0.0 yields the
 // identity. Used to turn a rotation back for a negative weight.
 RotationRows InvertRotationRows(const RotationRows& rows) noexcept;
