@@ -32,10 +32,30 @@ function bezierPoint(p, s) {
           b0 * p[0][1] + b1 * p[1][1] + b2 * p[2][1] + b3 * p[3][1]];
 }
 
+// A Bezier segment [p0, p1, p2, p3] as keyframe players play it, and as the host evaluates its own
+// reduced curves: each handle's time offset is limited to the segment's span. A handle reaching
+// past the other end is shortened along its direction (its slope stays); one pointing back in
+// time keeps its value offset and loses its time offset. Within the span x only rises, so every
+// time has one value; least-squares fits through noisy keys can leave handles several segments
+// long, and drawn as written such a segment would hold several values at one time.
+export function playedSegment([p0, p1, p2, p3]) {
+  const within = (end, handle, reach) => {
+    let dx = handle[0] - end[0], dy = handle[1] - end[1];
+    if (dx * reach < 0) dx = 0;
+    if (Math.abs(dx) > Math.abs(reach)) {
+      dy *= reach / dx;
+      dx = reach;
+    }
+    return [end[0] + dx, end[1] + dy];
+  };
+  const span = p3[0] - p0[0];
+  return [p0, within(p0, p1, span), within(p3, p2, -span), p3];
+}
+
 // The value at x = `t` of a chain of cubic Bezier segments [[p0, p1, p2, p3], ...] (points as
 // [x, y], each segment starting where the previous one ends, in ascending x). The segment whose
-// ends span t is searched for the curve parameter where x meets t by bisection, the way the host
-// evaluates its own reduced curves; outside the chain the end values hold.
+// ends span t is played (`playedSegment`) and searched for the curve parameter where x meets t by
+// bisection; outside the chain the end values hold.
 export function bezierValueAt(segments, t) {
   if (segments.length === 0) return 0;
   if (t <= segments[0][0][0]) return segments[0][0][1];
@@ -46,7 +66,7 @@ export function bezierValueAt(segments, t) {
     const mid = (lo + hi) >> 1;
     if (segments[mid][3][0] <= t) lo = mid + 1; else hi = mid;
   }
-  const p = segments[lo];
+  const p = playedSegment(segments[lo]);
   if (t === p[0][0]) return p[0][1];
   let a = 0, b = 1;
   for (let i = 0; i < 64; ++i) {

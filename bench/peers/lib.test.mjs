@@ -4,7 +4,8 @@ import assert from 'node:assert/strict';
 import { test } from 'node:test';
 
 import { angleDegrees, bezierValueAt, channelErrors, firstDrivenChild, keysAtError,
-         linearValueAt, mapFromSetup, median, paretoFront, svgLogPlot } from './lib.mjs';
+         linearValueAt, mapFromSetup, median, paretoFront, playedSegment,
+         svgLogPlot } from './lib.mjs';
 
 const close = (actual, expected, tolerance, what) =>
   assert.ok(Math.abs(actual - expected) <= tolerance, `${what}: ${actual} is not ${expected}`);
@@ -34,6 +35,23 @@ test('bezierValueAt solves for the curve parameter where x meets the time', () =
     assert.equal(bezierValueAt(chain, 7), 6);
     assert.equal(bezierValueAt([], 1), 0);
   }
+});
+
+test('Bezier segments play with their handles inside the segment', () => {
+  // Handles reaching past the other end shrink along their direction; handles pointing back in
+  // time lose their time offset only; handles inside stay as written.
+  assert.deepEqual(playedSegment([[2, 10], [6, 110], [0, 14], [3, -4]]),
+                   [[2, 10], [3, 35], [2, 2], [3, -4]]);
+  assert.deepEqual(playedSegment([[2, 10], [1.5, 35], [3.5, 3], [3, -4]]),
+                   [[2, 10], [2, 35], [3, 3], [3, -4]]);
+  const inside = [[2, 10], [2.25, 12], [2.5, 0], [3, -4]];
+  assert.deepEqual(playedSegment(inside), inside);
+  // A segment looping back in time as written reads as its played form: one value per time.
+  const looping = [[0, 0], [3, 9], [-2, 4], [1, 1]];
+  const played = playedSegment(looping);
+  for (const t of [0.1, 0.4, 0.5, 0.8])
+    assert.equal(bezierValueAt([looping], t), bezierValueAt([played], t), `t=${t}`);
+  assert.deepEqual(played, [[0, 0], [1, 3], [0, 2], [1, 1]]);
 });
 
 test('linearValueAt interpolates between kept points', () => {

@@ -12,8 +12,9 @@
 //   - simplify-js: Douglas-Peucker (its high-quality mode) with distance tolerance e; the result
 //     is linear between the kept points.
 // For each run: the keys kept (Bezier chains: segments + 1), the largest vertical error at the
-// input keys' times (every output evaluated at each frame time: Bezier segments by solving for the
-// curve parameter where x = t, simplify-js linearly, tarni-ca's by the host's own evaluation),
+// input keys' times (every output evaluated at each frame time: Bezier segments as keyframe players
+// play them, each handle limited to its segment's time span, by solving for the curve parameter
+// where x = t; simplify-js linearly; tarni-ca's by the host's own evaluation, the same rule),
 // that error relative to the channel's largest |value|, and the time per input key (median of
 // several runs of the reduction call alone; input conversion and evaluation are not timed).
 import { execFileSync } from 'node:child_process';
@@ -141,7 +142,8 @@ function main() {
   lines.push('setting: s = tarni-ca strength, e = absolute distance tolerance (handed to ' +
              'fit-curve and paper as e², since they compare squared distances)');
   lines.push('errors: |output - input| at every input key time, in the channels\' own units ' +
-             '(degrees, CMU units, metres); rel. = relative to the channel\'s largest |value|');
+             '(degrees, CMU units, metres); rel. = relative to the channel\'s largest |value|; ' +
+             'Bezier handles played within their segment\'s time span, as keyframe players do');
   const table = textTable(headers, rows);
   const speedRows = speed.map((s) => [s.peer, formatNumber(s.theirs), formatNumber(s.ours),
                                       `${s.ratio.toFixed(1)}x`, s.everySetting ? 'yes' : 'no']);

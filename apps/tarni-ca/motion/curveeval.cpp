@@ -29,21 +29,13 @@ double BezierSlopeX(const Point (&p)[4], double s) {
 }
 
 // The parameter where the segment's x meets `time`, which lies strictly between p0.x and p3.x.
-// Where the handles' x run forward (each control point at or after the one before), x rises with s
-// and one parameter meets `time`: Newton's method inside a bracket that every step narrows finds
+// With both handles inside the segment's time span (see `WithinSpan`) x never falls as s rises,
+// so one parameter meets `time`: Newton's method inside a bracket that every step narrows finds
 // it. Reduced keys have handles close to thirds of the segment, where x is nearly linear in s, so
 // the straight-line start is within a rounding error or two and a couple of steps settle it; a step
-// that would leave the bracket bisects instead. Handles that run backwards make x loop, and several
-// parameters may meet `time`: the plain bisection picks one, the same one every time.
+// that would leave the bracket (x flat where both handles reach the far end) bisects instead.
 double ParameterAt(const Point (&p)[4], double time) {
   double lo = 0.0, hi = 1.0;
-  if (!(p[0].x <= p[1].x && p[1].x <= p[2].x && p[2].x <= p[3].x)) {
-    for (int i = 0; i < 64; ++i) {
-      const double mid = 0.5 * (lo + hi);
-      (BezierPoint(p, mid).x < time ? lo : hi) = mid;
-    }
-    return 0.5 * (lo + hi);
-  }
   double s = (time - p[0].x) / (p[3].x - p[0].x);
   for (int step = 0; step < 200; ++step) {
     if (!(s > lo && s < hi)) s = 0.5 * (lo + hi);
@@ -56,6 +48,24 @@ double ParameterAt(const Point (&p)[4], double time) {
     s = next;
   }
   return s;
+}
+
+// A handle of `key` as the curve is played: its time offset limited to the segment, from 0 to
+// `reach` (the span towards the other key: positive for a right handle, negative for a left one).
+// A handle reaching past the other key is shortened along its own direction, so its slope stays;
+// one pointing back in time keeps its value offset and loses its time offset. Handles of a
+// least-squares fit through noisy keys can reach several segments past the other key; drawn as
+// written, x would then run backwards and the segment would hold several values at one time. Within
+// the span x only rises (each control point's x lies between the ends), so every time has one
+// value.
+Point WithinSpan(Point key, Point handle, double reach) {
+  double dx = handle.x - key.x, dy = handle.y - key.y;
+  if (dx * reach < 0) dx = 0;
+  if (std::fabs(dx) > std::fabs(reach)) {
+    dy *= reach / dx;
+    dx = reach;
+  }
+  return {key.x + dx, key.y + dy};
 }
 
 }  // namespace
@@ -78,7 +88,8 @@ double ReducedValueAt(const std::vector<CurveKey>& keys, double time) {
   const Point p2 = undefined(b.leftTangent)
                        ? Point{p3.x - (p3.x - p0.x) / 3, p3.y - (p3.y - p0.y) / 3}
                        : Point{p3.x + b.leftTangent[0], p3.y + b.leftTangent[1]};
-  const Point p[4] = {p0, p1, p2, p3};
+  const double span = p3.x - p0.x;
+  const Point p[4] = {p0, WithinSpan(p0, p1, span), WithinSpan(p3, p2, -span), p3};
   return BezierPoint(p, ParameterAt(p, time)).y;
 }
 

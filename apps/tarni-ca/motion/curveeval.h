@@ -13,7 +13,9 @@ namespace tarni::host {
 // The value of reduced curve `keys` at `time`: Bezier segments from each key through key +
 // rightTangent and next key + leftTangent to the next key; a tangent left at (-1, -1), the value
 // the commands write into a tangent they do not define, lies a third of the way along the straight
-// segment. Before the first and after the last key the curve holds its end values.
+// segment. Each handle is played within its segment's time span, as keyframe players do: one
+// reaching past the other key is shortened along its direction, so the curve is a function of time.
+// Before the first and after the last key the curve holds its end values.
 double ReducedValueAt(const std::vector<CurveKey>& keys, double time);
 
 struct ReductionMeasure {
