@@ -110,6 +110,23 @@ void JointValues(const BvhJoint& joint, const Matrix& local, PositionMode mode,
   }
 }
 
+// Absolute when |mean - offset| < |mean|, which over the channelled axes comes down to
+// sum(offset * mean) > |offset|^2 / 2. `sums` holds each of the joint's channels summed over every
+// frame (only the position channels are read).
+PositionMode ModeFromSums(const BvhMotion& motion, const BvhJoint& joint, const double* sums) {
+  double projection = 0.0;
+  double offsetSquared = 0.0;
+  for (size_t c = 0; c < joint.channels.size(); ++c) {
+    const int axis = PositionAxis(joint.channels[c]);
+    if (axis < 0) continue;
+    const double mean = sums[c] / static_cast<double>(motion.frameCount);
+    projection += joint.offset[axis] * mean;
+    offsetSquared += joint.offset[axis] * joint.offset[axis];
+  }
+  if (offsetSquared == 0.0 || !std::isfinite(projection)) return PositionMode::kRelative;
+  return projection > offsetSquared / 2.0 ? PositionMode::kAbsolute : PositionMode::kRelative;
+}
+
 }  // namespace
 
 // ComputeGlobals over the flagged joints only (all of them for a short flag list).
@@ -194,29 +211,41 @@ PositionMode GuessPositionMode(const BvhMotion& motion, int joint) {
   }
   const BvhJoint& info = motion.joints[static_cast<size_t>(joint)];
   const int first = motion.ChannelOffset(joint);
-  // Absolute when |mean - offset| < |mean|, which over the channelled axes comes down to
-  // sum(offset * mean) > |offset|^2 / 2.
-  double projection = 0.0;
-  double offsetSquared = 0.0;
+  std::vector<double> sums(info.channels.size(), 0.0);
   for (size_t c = 0; c < info.channels.size(); ++c) {
-    const int axis = PositionAxis(info.channels[c]);
-    if (axis < 0) continue;
-    double sum = 0.0;
+    if (PositionAxis(info.channels[c]) < 0) continue;
     for (int64_t f = 0; f < motion.frameCount; ++f) {
-      sum += motion.Value(f, first + static_cast<int>(c));
+      sums[c] += motion.Value(f, first + static_cast<int>(c));
     }
-    const double mean = sum / static_cast<double>(motion.frameCount);
-    projection += info.offset[axis] * mean;
-    offsetSquared += info.offset[axis] * info.offset[axis];
   }
-  if (offsetSquared == 0.0 || !std::isfinite(projection)) return PositionMode::kRelative;
-  return projection > offsetSquared / 2.0 ? PositionMode::kAbsolute : PositionMode::kRelative;
+  return ModeFromSums(motion, info, sums.data());
 }
 
 std::vector<PositionMode> GuessPositionModes(const BvhMotion& motion) {
-  std::vector<PositionMode> modes(motion.joints.size());
-  for (size_t j = 0; j < modes.size(); ++j)
-    modes[j] = GuessPositionMode(motion, static_cast<int>(j));
+  std::vector<PositionMode> modes(motion.joints.size(), PositionMode::kRelative);
+  if (motion.frameCount <= 0 || !ValuesMatchChannels(motion)) return modes;
+  // One pass down the rows, summing every position column as it goes: the frames are read in
+  // the order they lie in memory, where a pass per column would stride through the whole clip once
+  // for each. Each column still adds its frames in frame order, so the sums are
+  // GuessPositionMode's.
+  const size_t width = static_cast<size_t>(motion.channelCount);
+  std::vector<size_t> columns;
+  for (size_t j = 0, first = 0; j < motion.joints.size(); ++j) {
+    const BvhJoint& joint = motion.joints[j];
+    for (size_t c = 0; c < joint.channels.size(); ++c) {
+      if (PositionAxis(joint.channels[c]) >= 0) columns.push_back(first + c);
+    }
+    first += joint.channels.size();
+  }
+  std::vector<double> sums(width, 0.0);
+  for (int64_t f = 0; f < motion.frameCount; ++f) {
+    const double* row = motion.values.data() + static_cast<size_t>(f) * width;
+    for (const size_t column : columns) sums[column] += row[column];
+  }
+  for (size_t j = 0, first = 0; j < motion.joints.size(); ++j) {
+    modes[j] = ModeFromSums(motion, motion.joints[j], sums.data() + first);
+    first += motion.joints[j].channels.size();
+  }
   return modes;
 }
 
