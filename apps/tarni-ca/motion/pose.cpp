@@ -204,23 +204,6 @@ std::vector<uint8_t> JointsWithAncestors(const BvhMotion& motion, std::span<cons
   return flags;
 }
 
-PositionMode GuessPositionMode(const BvhMotion& motion, int joint) {
-  if (joint < 0 || static_cast<size_t>(joint) >= motion.joints.size() || motion.frameCount <= 0 ||
-      !ValuesMatchChannels(motion)) {
-    return PositionMode::kRelative;
-  }
-  const BvhJoint& info = motion.joints[static_cast<size_t>(joint)];
-  const int first = motion.ChannelOffset(joint);
-  std::vector<double> sums(info.channels.size(), 0.0);
-  for (size_t c = 0; c < info.channels.size(); ++c) {
-    if (PositionAxis(info.channels[c]) < 0) continue;
-    for (int64_t f = 0; f < motion.frameCount; ++f) {
-      sums[c] += motion.Value(f, first + static_cast<int>(c));
-    }
-  }
-  return ModeFromSums(motion, info, sums.data());
-}
-
 std::vector<PositionMode> GuessPositionModes(const BvhMotion& motion) {
   std::vector<PositionMode> modes(motion.joints.size(), PositionMode::kRelative);
   if (motion.frameCount <= 0 || !ValuesMatchChannels(motion)) return modes;
@@ -247,6 +230,12 @@ std::vector<PositionMode> GuessPositionModes(const BvhMotion& motion) {
     first += motion.joints[j].channels.size();
   }
   return modes;
+}
+
+PositionMode GuessPositionMode(const BvhMotion& motion, int joint) {
+  if (joint < 0 || static_cast<size_t>(joint) >= motion.joints.size())
+    return PositionMode::kRelative;
+  return GuessPositionModes(motion)[static_cast<size_t>(joint)];
 }
 
 void RowFromLocals(const BvhMotion& motion, std::span<const PositionMode> modes,
