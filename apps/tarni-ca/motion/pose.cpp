@@ -209,8 +209,7 @@ std::vector<PositionMode> GuessPositionModes(const BvhMotion& motion) {
   if (motion.frameCount <= 0 || !ValuesMatchChannels(motion)) return modes;
   // One pass down the rows, summing every position column as it goes: the frames are read in
   // the order they lie in memory, where a pass per column would stride through the whole clip once
-  // for each. Each column still adds its frames in frame order, so the sums are
-  // GuessPositionMode's.
+  // for each. Each column still adds its frames in frame order, so the sums are a column pass's.
   const size_t width = static_cast<size_t>(motion.channelCount);
   std::vector<size_t> columns;
   for (size_t j = 0, first = 0; j < motion.joints.size(); ++j) {
