@@ -69,12 +69,12 @@ template <int Degree>
   return v[0];
 }
 
-// The fit's per-key arithmetic is written once, for a group of keys side by side: four keys
-// where the processor has SSE2, else one. Every lane goes through the operations of the scalar
-// form in the same order, each rounded the same way, so every bit is that of one key at a time.
-// A group may reach past the last key: the buffers carry kLanePadding spare entries, and what the
-// spare lanes compute is masked out or never read.
-// One key at a time: the lanes of processors without SSE2 (compiled everywhere all the same).
+// The fit's per-key arithmetic is written once, for a group of keys side by side: eight keys
+// (AVX2) or four (SSE2) where the processor has them, else one. Every lane goes through the
+// operations of the scalar form in the same order, each rounded the same way, so every bit is that
+// of one key at a time. A group may reach past the last key: the buffers carry kLanePadding spare
+// entries, and what the spare lanes compute is masked out or never read. One key at a time: the
+// lanes of processors without SSE2 (compiled everywhere all the same).
 struct OneKey {
   using V = float;
   [[maybe_unused]] static constexpr Int kWidth = 1;
@@ -139,18 +139,73 @@ struct FourKeys {
     return (_mm_movemask_ps(_mm_cmpgt_ps(a.v, b.v)) & wanted) == wanted;
   }
 };
-using KeyLanes = FourKeys;
-#else
-using KeyLanes = OneKey;
 #endif
-using LaneValue = KeyLanes::V;
-constexpr Int kLanePadding = KeyLanes::kWidth - 1;
 
-// Runs body(i, count) for the groups of keys i..i+count−1 that cover [begin, end).
-template <class Body>
+#if defined(__AVX2__)
+// Eight keys at a time where the processor has AVX2: the four-key lanes twice as wide.
+struct WideLanes {
+  __m256 v;
+};
+inline WideLanes operator+(WideLanes a, WideLanes b) noexcept { return {_mm256_add_ps(a.v, b.v)}; }
+inline WideLanes operator-(WideLanes a, WideLanes b) noexcept { return {_mm256_sub_ps(a.v, b.v)}; }
+inline WideLanes operator*(WideLanes a, WideLanes b) noexcept { return {_mm256_mul_ps(a.v, b.v)}; }
+inline WideLanes operator/(WideLanes a, WideLanes b) noexcept { return {_mm256_div_ps(a.v, b.v)}; }
+
+struct EightKeys {
+  using V = WideLanes;
+  static constexpr Int kWidth = 8;
+  static V Load(const float* p) noexcept { return {_mm256_loadu_ps(p)}; }
+  static void Store(float* p, V v) noexcept { _mm256_storeu_ps(p, v.v); }
+  static V Splat(float f) noexcept { return {_mm256_set1_ps(f)}; }
+  static V Sqrt(V a) noexcept { return {_mm256_sqrt_ps(a.v)}; }
+  static V NotANumberAsInfinity(V a) noexcept {
+    const __m256 nan = _mm256_cmp_ps(a.v, a.v, _CMP_UNORD_Q);
+    return {_mm256_blendv_ps(a.v, _mm256_set1_ps(kInfinity), nan)};
+  }
+  static V Max(V a, V b) noexcept { return {_mm256_max_ps(a.v, b.v)}; }
+  static float Largest(V a) noexcept {
+    return FourKeys::Largest(
+        {_mm_max_ps(_mm256_castps256_ps128(a.v), _mm256_extractf128_ps(a.v, 1))});
+  }
+  static V ZeroBeyond(V v, Int count) noexcept {
+    if (count >= 8) return v;
+    const __m256i lanes = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    const __m256i first = _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(count)), lanes);
+    return {_mm256_and_ps(_mm256_castsi256_ps(first), v.v)};
+  }
+  static V KeepWhereSmall(V d, V limit, V kept, V stepped) noexcept {
+    const __m256 magnitude = _mm256_andnot_ps(_mm256_set1_ps(-0.0f), d.v);
+    const __m256 small = _mm256_cmp_ps(magnitude, limit.v, _CMP_LT_OQ);
+    return {_mm256_blendv_ps(stepped.v, kept.v, small)};
+  }
+  static bool Greater(V a, V b, Int count) noexcept {
+    const int wanted = count >= 8 ? 0xFF : (1 << count) - 1;
+    return (_mm256_movemask_ps(_mm256_cmp_ps(a.v, b.v, _CMP_GT_OQ)) & wanted) == wanted;
+  }
+};
+#endif
+
+// A fit of few keys goes four keys at a time (or one, without SSE2); one of many keys eight at a
+// time where the processor has AVX2. Both widths give the same bits, but eight lanes on a short
+// fit would mostly compute padding.
+#if defined(__SSE2__)
+using NarrowKeys = FourKeys;
+#else
+using NarrowKeys = OneKey;
+#endif
+#if defined(__AVX2__)
+using WideKeys = EightKeys;
+#else
+using WideKeys = NarrowKeys;
+#endif
+constexpr Int kWideFrom = 16;  // keys in a fit from which it takes the wide lanes
+constexpr Int kLanePadding = WideKeys::kWidth - 1;
+
+// Runs body(i, count) for the groups of K::kWidth keys i..i+count−1 that cover [begin, end).
+template <class K, class Body>
 [[gnu::always_inline]] inline void ForEachKey(Int begin, Int end, Body&& body) noexcept {
-  for (Int i = begin; i < end; i += KeyLanes::kWidth) {
-    body(i, std::min<Int>(end - i, KeyLanes::kWidth));
+  for (Int i = begin; i < end; i += K::kWidth) {
+    body(i, std::min<Int>(end - i, K::kWidth));
   }
 }
 
@@ -161,16 +216,18 @@ template <class V>
 }
 
 // One coordinate of a cubic's control points, in every lane.
+template <class K>
 struct CubicLanes {
-  LaneValue c[4];
+  using V = typename K::V;
+  V c[4];
   explicit CubicLanes(const float (&control)[4]) noexcept {
-    for (int i = 0; i < 4; ++i) c[i] = KeyLanes::Splat(control[i]);
+    for (int i = 0; i < 4; ++i) c[i] = K::Splat(control[i]);
   }
   // De Casteljau at t (s = 1 − t), the order of Bezier<3>.
-  LaneValue At(LaneValue s, LaneValue t) const noexcept {
-    LaneValue v0 = Lerp(s, c[0], t, c[1]);
-    LaneValue v1 = Lerp(s, c[1], t, c[2]);
-    const LaneValue v2 = Lerp(s, c[2], t, c[3]);
+  V At(V s, V t) const noexcept {
+    V v0 = Lerp(s, c[0], t, c[1]);
+    V v1 = Lerp(s, c[1], t, c[2]);
+    const V v2 = Lerp(s, c[2], t, c[3]);
     v0 = Lerp(s, v0, t, v1);
     v1 = Lerp(s, v1, t, v2);
     return Lerp(s, v0, t, v1);
@@ -181,10 +238,10 @@ struct CubicLanes {
 // (u[0] belongs to first) and unit end tangents tHat1, tHat2; fills b[0..3]. The sums are
 // added key after key as they always were: float addition is not associative, and a sum in
 // another order would move the handles by an ulp now and then.
+template <class K>
 void GenerateBezier(const float* x, const float* y, Int first, Int last, const float* u,
                     FitPoint tHat1, FitPoint tHat2, FitPoint* b) noexcept {
-  using K = KeyLanes;
-  using V = LaneValue;
+  using V = typename K::V;
   const FitPoint pFirst{x[first], y[first]};
   const FitPoint pLast{x[last], y[last]};
   float c00 = 0.0f;
@@ -193,7 +250,7 @@ void GenerateBezier(const float* x, const float* y, Int first, Int last, const f
   float x0 = 0.0f;
   float x1 = 0.0f;
   // The terms of a group of keys are computed side by side; only the sums are sequential.
-  ForEachKey(first, last + 1, [&](Int i, Int count) {
+  ForEachKey<K>(first, last + 1, [&](Int i, Int count) {
     const V one = K::Splat(1.0f);
     const V three = K::Splat(3.0f);
     const V t = K::Load(u + (i - first));
@@ -262,15 +319,15 @@ void GenerateBezier(const float* x, const float* y, Int first, Int last, const f
 // The weighted error |Q(u[i]) − p[i]| × weights[i] of every key i in [begin, end), with not-a-
 // number errors counted as infinite, into errors[i]; Q(u[i]) − p[i] goes to dx[i], dy[i] for the
 // Newton step. Returns the largest error (0 when there is none, as no error is below 0).
+template <class K>
 float FitErrors(const FitPoint* b, const float* x, const float* y, const float* u,
                 const float* weights, Int begin, Int end, float* errors, float* dx,
                 float* dy) noexcept {
-  using K = KeyLanes;
-  using V = LaneValue;
-  const CubicLanes cx({b[0].x, b[1].x, b[2].x, b[3].x});
-  const CubicLanes cy({b[0].y, b[1].y, b[2].y, b[3].y});
+  using V = typename K::V;
+  const CubicLanes<K> cx({b[0].x, b[1].x, b[2].x, b[3].x});
+  const CubicLanes<K> cy({b[0].y, b[1].y, b[2].y, b[3].y});
   V largest = K::Splat(0.0f);
-  ForEachKey(begin, end, [&](Int i, Int count) {
+  ForEachKey<K>(begin, end, [&](Int i, Int count) {
     const V t = K::Load(u + i);
     const V s = K::Splat(1.0f) - t;
     const V ex = cx.At(s, t) - K::Load(x + i);
@@ -315,15 +372,15 @@ struct Derivatives {
 // One Newton-Raphson step for every key i in [begin, end) towards the parameter of the curve
 // point nearest to the key, from the key's offset dx, dy = Q(u) − p at the present u: u becomes
 // u − (Q − p)·Q′ ÷ (Q′·Q′ + (Q − p)·Q″), and stays when the denominator is too small to trust.
+template <class K>
 void NewtonSteps(const Derivatives& d, const float* dx, const float* dy, Int begin, Int end,
                  float* u) noexcept {
-  using K = KeyLanes;
-  using V = LaneValue;
+  using V = typename K::V;
   const V q1x[3] = {K::Splat(d.q1[0].x), K::Splat(d.q1[1].x), K::Splat(d.q1[2].x)};
   const V q1y[3] = {K::Splat(d.q1[0].y), K::Splat(d.q1[1].y), K::Splat(d.q1[2].y)};
   const V q2x[2] = {K::Splat(d.q2[0].x), K::Splat(d.q2[1].x)};
   const V q2y[2] = {K::Splat(d.q2[0].y), K::Splat(d.q2[1].y)};
-  ForEachKey(begin, end, [&](Int i, Int /*count*/) {
+  ForEachKey<K>(begin, end, [&](Int i, Int /*count*/) {
     const V t = K::Load(u + i);
     const V s = K::Splat(1.0f) - t;
     // Q′ by de Casteljau on the first derivative's points, Q″ on the second's.
@@ -341,10 +398,10 @@ void NewtonSteps(const Derivatives& d, const float* dx, const float* dy, Int beg
 }
 
 // Whether u[0..count) is strictly increasing (false where a parameter is not a number).
+template <class K>
 bool StrictlyIncreasing(const float* u, Int count) noexcept {
-  using K = KeyLanes;
   bool increasing = true;
-  ForEachKey(1, count, [&](Int i, Int lanes) {
+  ForEachKey<K>(1, count, [&](Int i, Int lanes) {
     increasing = increasing && K::Greater(K::Load(u + i), K::Load(u + i - 1), lanes);
   });
   return increasing;
@@ -553,12 +610,6 @@ Result<void> KeyFitter::FitCubic(std::span<const Key> run, Int first, Int last, 
       _chordLast = task.last;
     }
     float* u = _u.GetFirst();
-    u[0] = 0.0f;
-    const float total = chord[task.last];
-    ForEachKey(1, span + 1, [&](Int i, Int /*count*/) {
-      KeyLanes::Store(u + i, KeyLanes::Load(chord + task.first + i) / KeyLanes::Splat(total));
-    });
-
     const float* px = x + task.first;
     const float* py = y + task.first;
     const float* weights = _weights.GetFirst() + task.first;
@@ -567,38 +618,46 @@ Result<void> KeyFitter::FitCubic(std::span<const Key> run, Int first, Int last, 
     float* dy = _dy.GetFirst();
     const FitPoint unit1 = Normalized(task.tHat1);
     const FitPoint unit2 = Normalized(task.tHat2);
-    float iterationLimit = 4.0f * _tolerance;  // E4
-    bool valid = true;
-    bool accepted = false;
     Int split = task.first + span / 2;  // stands only if no distance is a number
     FitPoint b[4];
-    for (int iteration = 0; iteration < kMaxIterations; ++iteration) {
-      GenerateBezier(x, y, task.first, task.last, u, unit1, unit2, b);
-      // The worst interior key; a tie goes to the later key.
-      const float maxError = FitErrors(b, px, py, u, weights, 1, span, errors, dx, dy);
-      const Int worst = LastIndexOf(errors, 1, span, maxError);
-      if (worst >= 1) split = task.first + worst;
-      if (maxError < _tolerance && valid) {
-        _output.GetLast().rightTangent = ToKeyVector(b[1] - b[0]);
-        created.leftTangent = ToKeyVector(b[2] - b[3]);
-        TARNI_TRY(_output.Append(created));
-        accepted = true;
-        break;
+    // Up to kMaxIterations cubics, each from the parameters the one before left; true when one
+    // is accepted (into b), else `split` holds the key to split at.
+    const auto tryCubic = [&]<class K>(K) {
+      u[0] = 0.0f;
+      const float total = chord[task.last];
+      ForEachKey<K>(1, span + 1, [&](Int i, Int /*count*/) {
+        K::Store(u + i, K::Load(chord + task.first + i) / K::Splat(total));
+      });
+      float iterationLimit = 4.0f * _tolerance;  // E4
+      bool valid = true;
+      for (int iteration = 0; iteration < kMaxIterations; ++iteration) {
+        GenerateBezier<K>(x, y, task.first, task.last, u, unit1, unit2, b);
+        // The worst interior key; a tie goes to the later key.
+        const float maxError = FitErrors<K>(b, px, py, u, weights, 1, span, errors, dx, dy);
+        const Int worst = LastIndexOf(errors, 1, span, maxError);
+        if (worst >= 1) split = task.first + worst;
+        if (maxError < _tolerance && valid) return true;
+        if (maxError >= iterationLimit) return false;
+        // The last iteration's parameters would never be used.
+        if (iteration + 1 == kMaxIterations) return false;
+        // The error scan left Q(u) − p for the interior keys; the end keys are done here.
+        for (const Int end : {Int{0}, span}) {
+          const FitPoint offset = Bezier<3>(b, u[end]) - FitPoint{px[end], py[end]};
+          dx[end] = offset.x;
+          dy[end] = offset.y;
+        }
+        NewtonSteps<K>(Derivatives(b), dx, dy, 0, span + 1, u);
+        valid = StrictlyIncreasing<K>(u, span + 1);
+        iterationLimit = maxError;  // a later iteration that does not lower the error stops
       }
-      if (maxError >= iterationLimit) break;
-      // The last iteration's parameters would never be used.
-      if (iteration + 1 == kMaxIterations) break;
-      // The error scan left Q(u) − p for the interior keys; the end keys are done here.
-      for (const Int end : {Int{0}, span}) {
-        const FitPoint offset = Bezier<3>(b, u[end]) - FitPoint{px[end], py[end]};
-        dx[end] = offset.x;
-        dy[end] = offset.y;
-      }
-      NewtonSteps(Derivatives(b), dx, dy, 0, span + 1, u);
-      valid = StrictlyIncreasing(u, span + 1);
-      iterationLimit = maxError;  // a later iteration that does not lower the error stops
+      return false;
+    };
+    if (span + 1 >= kWideFrom ? tryCubic(WideKeys{}) : tryCubic(NarrowKeys{})) {
+      _output.GetLast().rightTangent = ToKeyVector(b[1] - b[0]);
+      created.leftTangent = ToKeyVector(b[2] - b[3]);
+      TARNI_TRY(_output.Append(created));
+      continue;
     }
-    if (accepted) continue;
 
     const FitPoint centre =
         FitPoint{x[split - 1], y[split - 1]} - FitPoint{x[split + 1], y[split + 1]};
