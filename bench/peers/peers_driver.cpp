@@ -210,8 +210,7 @@ int RunPositions(int argc, char** argv) {
 struct Clip {
   std::string name;
   CurveFile curves;
-  tarni::Shared<tarni::KeyCurves> keys;  // the same curves as the module's key arrays
-  int32_t fps = 0;
+  tarni::Shared<tarni::KeyCurves> keys;  // the same curves as the command takes them
   int64_t keyCount = 0;
 };
 
@@ -220,18 +219,11 @@ bool LoadClip(const std::string& path, Clip& clip, IoError& error) {
   if (!ReadBvh(std::filesystem::path(path), motion, error)) return false;
   clip.name = std::filesystem::path(path).stem().string();
   clip.curves = CurvesFromBvh(motion, 0);
-  // The same frame rate the reduce job hands the command.
-  clip.fps = static_cast<int32_t>(std::clamp(std::round(clip.curves.fps), 1.0, 1e9));
-  tarni::KeyCurves curves;
-  for (const Curve& curve : clip.curves.curves) {
-    tarni::KeyArray keys;
-    for (const CurveKey& key : curve.keys) {
-      if (!keys.Append(ToKey(key))) return false;
-    }
-    clip.keyCount += keys.GetCount();
-    if (!curves.Append(std::move(keys))) return false;
-  }
-  auto shared = tarni::MakeShared<tarni::KeyCurves>(std::move(curves));
+  // The same curves the reduce job hands the command: times in frames.
+  auto curves = ToCommandCurves(clip.curves);
+  if (!curves) return false;
+  for (const tarni::KeyArray& keys : curves.value()) clip.keyCount += keys.GetCount();
+  auto shared = tarni::MakeShared<tarni::KeyCurves>(std::move(curves.value()));
   if (!shared) return false;
   clip.keys = shared.value();
   return true;
@@ -244,7 +236,7 @@ bool TimeCommand(const Clip& clip, float strength, double& seconds) {
   auto command = tarni::CreateCommand(tarni::kBezierFitterCommandId);
   if (!data || !command) return false;
   tarni::CommandData& d = *data.value();
-  if (!d.Set<int32_t>(tarni::kProjectFpsId, clip.fps) ||
+  if (!d.Set<int32_t>(tarni::kProjectFpsId, kCommandFramesPerTimeUnit) ||
       !d.Set<float>(tarni::kKeyReducerStrengthId, strength) ||
       !d.Set<int32_t>(tarni::kKeyReducerMagnetId, 0) ||
       !d.Set<bool>(tarni::kKeyReducerUseLockedKeysId, false) ||
@@ -297,7 +289,7 @@ int RunReduce(int argc, char** argv) {
     clipList.push_back({{"name", clip->name},
                         {"channels", clip->curves.curves.size()},
                         {"keys", clip->keyCount},
-                        {"fps", clip->fps}});
+                        {"fps", clip->curves.fps}});
     clips.push_back(std::move(clip));
   }
   json results = json::array();

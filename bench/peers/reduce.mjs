@@ -2,11 +2,12 @@
 //
 //   node reduce.mjs --tarni TARNI-CA --driver PEERS_DRIVER --data DATA_DIR --out OUTDIR [--runs N]
 //
-// Every channel is one 2D polyline (time in seconds, value), the same float values on every
-// side: the input is the host's own curve file of each clip, written by `tarni-ca reduce` at
-// strength 0 (which hands the curves back untouched). Each tool runs a sweep of its own knob:
+// Every channel is one 2D polyline (time in frames, value), the same values on every side: the
+// input is the host's own curve file of each clip, written by `tarni-ca reduce` at strength 0
+// (which hands the curves back untouched), its times in seconds multiplied by the file's frame
+// rate, as the host itself hands curves to its fitter. Each tool runs a sweep of its own knob:
 //   - tarni-ca: the Bezier fitter command's strength s (its tolerance is 0.8·s³ of each channel's
-//     largest |value|, measured in the fitter's 2D distance);
+//     largest |value|, measured in the fitter's 2D distance, time in frames);
 //   - fit-curve and paper (Path.simplify): a least-squares cubic fit with an absolute 2D distance
 //     tolerance e; both compare it with SQUARED distances, so they are handed e²;
 //   - simplify-js: Douglas-Peucker (its high-quality mode) with distance tolerance e; the result
@@ -42,15 +43,18 @@ function parseArgs(argv) {
   return args;
 }
 
-// Every channel of the clips as [[t, v], ...], read from the host's curve files.
+// Every channel of the clips as [[frame, v], ...], read from the host's curve files.
 function loadChannels(args) {
   const channels = [];
   for (const clip of CLIPS) {
     const file = join(args.out, `${clip.replace(/.*\//, '').replace(/\.bvh$/, '')}.curves.json`);
     execFileSync(args.tarni, ['reduce', join(args.data, clip), '-o', file, '--strength', '0'],
                  { stdio: ['ignore', 'ignore', 'inherit'] });
-    for (const curve of JSON.parse(readFileSync(file, 'utf8')).curves)
-      channels.push({ name: `${clip}:${curve.name}`, points: curve.keys.map((k) => k.position) });
+    const curves = JSON.parse(readFileSync(file, 'utf8'));
+    for (const curve of curves.curves) {
+      const points = curve.keys.map((k) => [k.position[0] * curves.fps, k.position[1]]);
+      channels.push({ name: `${clip}:${curve.name}`, points });
+    }
   }
   return channels;
 }

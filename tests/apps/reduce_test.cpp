@@ -3,12 +3,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <string>
 
 #include "apps/jobrun.h"
 #include "commands/curvecommands.h"
 #include "io/bvh.h"
 #include "io/curvefile.h"
+#include "motion/curveeval.h"
+#include "retarget/keyreduction.h"
 
 namespace tarni::host {
 namespace {
@@ -102,6 +105,65 @@ TEST_F(ReduceJob, ReducesCurvesAndReportsTheLargestError) {
         Reduce("small.json", "linear.json", " --command modification --curve-type linear");
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_HAS(run.out, "largest error: 5 (worst curve c, at 10 s)");
+  }
+}
+
+// Between the file's seconds and the frames the fitter works in, nothing moves: every written key
+// sits exactly at an input key's time, tangents taken over from locked keys keep their values (to
+// the last bit or so), and tangents at the default stay at the default, whatever the frame rate.
+TEST_F(ReduceJob, KeepsKeyTimesAndTangentsThroughFrames) {
+  const float kFps = 23.9998f;
+  CurveFile input{kFps, {}, {}};
+  input.curves.push_back(Sampled("Arm.Xrotation", 120, kFps, [](double t) {
+    return 40 * std::sin(5 * t) + 3 * std::sin(37 * t);
+  }));
+  // Times off the frames, as hand-set keys have them: the ones the round trip through frames
+  // would move by an ulp now and then.
+  for (size_t i = 0; i < input.curves[0].keys.size(); ++i) {
+    const double frame = static_cast<double>(i) + 0.3 * std::sin(1.7 * static_cast<double>(i));
+    input.curves[0].keys[i].position[0] = static_cast<float>(frame / kFps);
+  }
+  // Two locked keys side by side: the tangents between them are taken over as they are.
+  CurveKey& first = input.curves[0].keys[50];
+  CurveKey& second = input.curves[0].keys[51];
+  first.flags = second.flags = 0x400;
+  first.rightTangent[0] = 0.03f;
+  first.rightTangent[1] = -2.0f;
+  second.leftTangent[0] = -0.02f;
+  second.leftTangent[1] = 1.5f;
+  WriteCurves("odd.json", input);
+  const JobRun run = Reduce("odd.json", "odd-out.json", " --use-locked-keys --strength 0.5");
+  ASSERT_EQ(run.status, 0) << run.err;
+  const CurveFile output = ReadCurves("odd-out.json");
+  ASSERT_EQ(output.curves.size(), 1u);
+  const std::vector<CurveKey>& in = input.curves[0].keys;
+  const std::vector<CurveKey>& out = output.curves[0].keys;
+  ASSERT_LT(out.size(), in.size() / 2);
+  int locked = 0;
+  for (const CurveKey& key : out) {
+    const auto same = std::find_if(in.begin(), in.end(), [&](const CurveKey& original) {
+      return std::memcmp(&original.position[0], &key.position[0], sizeof(float)) == 0;
+    });
+    ASSERT_NE(same, in.end()) << "a key at " << key.position[0] << " s, between input keys";
+    if (same == in.begin() + 50) {
+      ++locked;
+      EXPECT_FLOAT_EQ(key.rightTangent[0], 0.03f);
+      EXPECT_FLOAT_EQ(key.rightTangent[1], -2.0f);
+    } else if (same == in.begin() + 51) {
+      ++locked;
+      EXPECT_FLOAT_EQ(key.leftTangent[0], -0.02f);
+      EXPECT_FLOAT_EQ(key.leftTangent[1], 1.5f);
+    }
+  }
+  EXPECT_EQ(locked, 2);
+  EXPECT_EQ(out.front().leftTangent[0], -1.0f);
+  EXPECT_EQ(out.front().leftTangent[1], -1.0f);
+  EXPECT_EQ(out.back().rightTangent[0], -1.0f);
+  EXPECT_EQ(out.back().rightTangent[1], -1.0f);
+  // The fitted handles are in seconds again: a handle spans at most its segment's time.
+  for (size_t k = 0; k + 1 < out.size(); ++k) {
+    const float span = out[k + 1].position[0] - out[k].position[0];
+    EXPECT_LE(std::fabs(out[k].rightTangent[0]), 1.01f * span) << "key " << k;
   }
 }
 
@@ -208,6 +270,43 @@ TEST(BezierFitterOnClips, StaysWithinToleranceAtEveryKey) {
         SCOPED_TRACE(::testing::Message()
                      << name << " " << curves.curves[c].name << " strength " << strength);
         curvetest::ExpectWithinTolerance(keys[c], out.value()[c], strength);
+      }
+    }
+  }
+  if (clips == 0) GTEST_SKIP() << "no shared clips at " << TARNI_TEST_DATA_DIR;
+}
+
+// The host hands the fitter time in frames, so its tolerance bounds the value: on real motion
+// every curve's reduced value at every input key (played as keyframe players play it) stays within
+// a small margin of tolerance × the curve's largest |value|. In seconds, fast motion would let a
+// fit pass keys whole frames away: over a thousand times the tolerance on these clips.
+TEST(ReduceCurvesOnClips, BoundsTheValueErrorByTheTolerance) {
+  int clips = 0;
+  for (const char* name : kClips) {
+    const fs::path path = fs::path(TARNI_TEST_DATA_DIR) / name;
+    if (!fs::exists(path)) continue;
+    ++clips;
+    BvhMotion motion;
+    IoError error;
+    ASSERT_TRUE(ReadBvh(path, motion, error)) << error.ToText();
+    const CurveFile curves = CurvesFromBvh(motion, 0);
+    for (float strength : {0.1f, 0.3f, 0.5f}) {
+      CurveFile reduced;
+      ASSERT_TRUE(ReduceCurves(curves, strength, reduced));
+      const double tolerance = 0.8 * strength * strength * strength;
+      for (size_t c = 0; c < curves.curves.size(); ++c) {
+        const std::vector<CurveKey>& in = curves.curves[c].keys;
+        const std::vector<CurveKey>& out = reduced.curves[c].keys;
+        double scale = 0;
+        for (const CurveKey& key : in) scale = std::max(scale, std::fabs(double{key.position[1]}));
+        if (scale <= 1e-5) continue;  // flat: its ends alone stand for it
+        double largest = 0;
+        for (const CurveKey& key : in) {
+          const double value = ReducedValueAt(out, key.position[0]);
+          largest = std::max(largest, std::fabs(value - key.position[1]));
+        }
+        EXPECT_LE(largest, 1.5 * tolerance * scale)
+            << name << " " << curves.curves[c].name << " strength " << strength;
       }
     }
   }

@@ -40,13 +40,16 @@ constexpr std::string_view kReduceUsage =
     "options:\n"
     "  -o, --output PATH      where to write the reduced curves (required)\n"
     "  --strength S           reduction strength, 0 or more (default 0.3); the tolerance is\n"
-    "                         S^3 x 0.8 of a curve's largest |value|; 1e-06 or less keeps all\n"
+    "                         S^3 x 0.8 of a curve's largest |value|, a distance measured with\n"
+    "                         time in frames, so it bounds mostly the value; 1e-06 or less\n"
+    "                         keeps all keys\n"
     "  --magnet FRAMES        pull keys of different curves onto shared times this many frames\n"
     "                         wide (default 0: off)\n"
     "  --use-locked-keys      keep keys flagged as locked where they are (default off)\n"
     "  --use-key-selection    reduce only selected keys, keep the others (default off)\n"
-    "  --fps N                frames per second (default: the input file's rate); for a BVH\n"
-    "                         clip it also sets the key times\n"
+    "  --fps N                frames per second (default: the input file's rate), the frames\n"
+    "                         the tolerance counts time in; for a BVH clip it also sets the\n"
+    "                         key times\n"
     "  --command NAME         fitter (default) or modification\n"
     "  --curve-type TYPE      with --command modification: fitted (default), linear or flatmax\n"
     "                         (flatmax also writes each curve's value range)\n"
@@ -174,26 +177,12 @@ bool ReadInput(const Options& options, CurveFile& curves, IoError& error) {
   return true;
 }
 
-Result<KeyCurves> ToKeyCurves(const CurveFile& file) {
-  KeyCurves curves;
-  TARNI_TRY(curves.EnsureCapacity(static_cast<Int>(file.curves.size())));
-  for (const Curve& curve : file.curves) {
-    KeyArray keys;
-    TARNI_TRY(keys.EnsureCapacity(static_cast<Int>(curve.keys.size())));
-    for (const CurveKey& key : curve.keys) TARNI_TRY(keys.Append(ToKey(key)));
-    TARNI_TRY(curves.Append(std::move(keys)));
-  }
-  return curves;
-}
-
 // Fills the command data, runs the command and takes its results into `output` (whose curve
 // names are already those of the input).
 Result<void> RunCommand(const Options& options, const CurveFile& input, CurveFile& output) {
   Ref<CommandData> data = TARNI_TRY(CreateCommandData(kAnimationCommandDataClassId));
-  TARNI_TRY(data->Set<KeyCurves>(kAnimationCurvesId, TARNI_TRY(ToKeyCurves(input))));
-  const double fps = std::clamp(std::round(input.fps), 1.0,
-                                static_cast<double>(std::numeric_limits<std::int32_t>::max()));
-  TARNI_TRY(data->Set<std::int32_t>(kProjectFpsId, static_cast<std::int32_t>(fps)));
+  TARNI_TRY(data->Set<KeyCurves>(kAnimationCurvesId, TARNI_TRY(ToCommandCurves(input))));
+  TARNI_TRY(data->Set<std::int32_t>(kProjectFpsId, kCommandFramesPerTimeUnit));
   TARNI_TRY(data->Set<float>(kKeyReducerStrengthId, options.strength));
   TARNI_TRY(data->Set<std::int32_t>(kKeyReducerMagnetId, options.magnet));
   TARNI_TRY(data->Set<bool>(kKeyReducerUseLockedKeysId, options.useLockedKeys));
@@ -212,16 +201,8 @@ Result<void> RunCommand(const Options& options, const CurveFile& input, CurveFil
   if (curves->value.GetCount() != static_cast<Int>(output.curves.size()))
     return UnexpectedError("The command returned another number of curves.");
   for (size_t c = 0; c < output.curves.size(); ++c) {
-    std::vector<CurveKey>& keys = output.curves[c].keys;
-    keys.clear();
-    for (const Key& key : curves->value[static_cast<Int>(c)]) {
-      // A one-key curve comes back from the straight and flat reductions as two equal keys; the
-      // file holds strictly ascending times, and the second key would add nothing.
-      if (!keys.empty() && keys.back().position[0] == key.position.x &&
-          keys.back().position[1] == key.position.y)
-        continue;
-      keys.push_back(FromKey(key));
-    }
+    FromCommandCurve(curves->value[static_cast<Int>(c)], input.curves[c], input.fps,
+                     output.curves[c].keys);
   }
   if (modification && options.curveType == ModificationCurveType::FlatMaximum) {
     const Shared<MinMaxArray> ranges = TARNI_TRY(data->GetShared<MinMaxArray>(kMinMaxArrId));
