@@ -1,5 +1,6 @@
 // Key reduction speed: the Bezier fitter command on every channel of the shared clips, at three
-// strengths, run the way a host runs it (command and data created by id, curves set by id).
+// strengths, run the way the host runs it (command and data created by id, curves set by id, time
+// in frames).
 // Reports input keys per second (items) and the share of keys kept ("kept").
 #include <benchmark/benchmark.h>
 
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "curvekeys.h"
 #include "io/bvh.h"
 #include "io/curvefile.h"
 #include "tarni/animationcommands.h"
@@ -26,7 +28,6 @@ struct Clip {
   std::string name;
   Shared<KeyCurves> curves;
   std::int64_t keys = 0;
-  std::int32_t fps = 0;
 };
 
 std::unique_ptr<Clip> LoadClip(const std::string& relative) {
@@ -40,19 +41,10 @@ std::unique_ptr<Clip> LoadClip(const std::string& relative) {
   const host::CurveFile file = host::CurvesFromBvh(motion, 0);
   auto clip = std::make_unique<Clip>();
   clip->name = path.stem().string();
-  clip->fps = static_cast<std::int32_t>(file.fps + 0.5);
-  KeyCurves curves;
-  for (const host::Curve& curve : file.curves) {
-    KeyArray keys;
-    for (const host::CurveKey& in : curve.keys) {
-      Key key;
-      key.position = {in.position[0], in.position[1]};
-      if (!keys.Append(key)) return nullptr;
-    }
-    clip->keys += keys.GetCount();
-    if (!curves.Append(std::move(keys))) return nullptr;
-  }
-  auto shared = MakeShared<KeyCurves>(std::move(curves));
+  auto curves = host::ToCommandCurves(file);
+  if (!curves) return nullptr;
+  for (const KeyArray& keys : curves.value()) clip->keys += keys.GetCount();
+  auto shared = MakeShared<KeyCurves>(std::move(curves.value()));
   if (!shared) return nullptr;
   clip->curves = shared.value();
   return clip;
@@ -61,7 +53,7 @@ std::unique_ptr<Clip> LoadClip(const std::string& relative) {
 void ReduceClip(benchmark::State& state, const Clip* clip, float strength) {
   Ref<CommandData> data = CreateCommandData(kAnimationCommandDataClassId).value();
   Ref<Command> command = CreateCommand(kBezierFitterCommandId).value();
-  bool ok = data->Set<std::int32_t>(kProjectFpsId, clip->fps) &&
+  bool ok = data->Set<std::int32_t>(kProjectFpsId, host::kCommandFramesPerTimeUnit) &&
             data->Set<float>(kKeyReducerStrengthId, strength) &&
             data->Set<std::int32_t>(kKeyReducerMagnetId, 0) &&
             data->Set<bool>(kKeyReducerUseLockedKeysId, false) &&
