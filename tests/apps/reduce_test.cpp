@@ -244,18 +244,30 @@ TEST_F(ReduceJob, ReducesARealClipAndDrawsTheNamedChannel) {
   EXPECT_HAS(run.out, "worst curve ");
 }
 
-// The property every reduction keeps, on real motion: each original key lies within the
-// tolerance of the reduced curve (in the fitter's normalised units).
-TEST(BezierFitterOnClips, StaysWithinToleranceAtEveryKey) {
-  int clips = 0;
+// The channels of each shared clip that is present, read as the host reads them.
+struct ClipCurves {
+  std::string name;
+  CurveFile curves;
+};
+std::vector<ClipCurves> SharedClipCurves() {
+  std::vector<ClipCurves> clips;
   for (const char* name : kClips) {
     const fs::path path = fs::path(TARNI_TEST_DATA_DIR) / name;
     if (!fs::exists(path)) continue;
-    ++clips;
     BvhMotion motion;
     IoError error;
-    ASSERT_TRUE(ReadBvh(path, motion, error)) << error.ToText();
-    const CurveFile curves = CurvesFromBvh(motion, 0);
+    EXPECT_TRUE(ReadBvh(path, motion, error)) << error.ToText();
+    clips.push_back({name, CurvesFromBvh(motion, 0)});
+  }
+  return clips;
+}
+
+// The property every reduction keeps, on real motion: each original key lies within the
+// tolerance of the reduced curve (in the fitter's normalised units).
+TEST(BezierFitterOnClips, StaysWithinToleranceAtEveryKey) {
+  const std::vector<ClipCurves> clips = SharedClipCurves();
+  if (clips.empty()) GTEST_SKIP() << "no shared clips at " << TARNI_TEST_DATA_DIR;
+  for (const auto& [name, curves] : clips) {
     KeyCurves keys;
     for (const Curve& curve : curves.curves) {
       KeyArray array;
@@ -273,7 +285,6 @@ TEST(BezierFitterOnClips, StaysWithinToleranceAtEveryKey) {
       }
     }
   }
-  if (clips == 0) GTEST_SKIP() << "no shared clips at " << TARNI_TEST_DATA_DIR;
 }
 
 // The host hands the fitter time in frames, so its tolerance bounds the value: on real motion
@@ -281,15 +292,9 @@ TEST(BezierFitterOnClips, StaysWithinToleranceAtEveryKey) {
 // a small margin of tolerance × the curve's largest |value|. In seconds, fast motion would let a
 // fit pass keys whole frames away: over a thousand times the tolerance on these clips.
 TEST(ReduceCurvesOnClips, BoundsTheValueErrorByTheTolerance) {
-  int clips = 0;
-  for (const char* name : kClips) {
-    const fs::path path = fs::path(TARNI_TEST_DATA_DIR) / name;
-    if (!fs::exists(path)) continue;
-    ++clips;
-    BvhMotion motion;
-    IoError error;
-    ASSERT_TRUE(ReadBvh(path, motion, error)) << error.ToText();
-    const CurveFile curves = CurvesFromBvh(motion, 0);
+  const std::vector<ClipCurves> clips = SharedClipCurves();
+  if (clips.empty()) GTEST_SKIP() << "no shared clips at " << TARNI_TEST_DATA_DIR;
+  for (const auto& [name, curves] : clips) {
     for (float strength : {0.1f, 0.3f, 0.5f}) {
       CurveFile reduced;
       ASSERT_TRUE(ReduceCurves(curves, strength, reduced));
@@ -310,7 +315,6 @@ TEST(ReduceCurvesOnClips, BoundsTheValueErrorByTheTolerance) {
       }
     }
   }
-  if (clips == 0) GTEST_SKIP() << "no shared clips at " << TARNI_TEST_DATA_DIR;
 }
 
 }  // namespace
