@@ -73,8 +73,9 @@ template <int Degree>
 // (AVX2) or four (SSE2) where the processor has them, else one. Every lane goes through the
 // operations of the scalar form in the same order, each rounded the same way, so every bit is that
 // of one key at a time. A group may reach past the last key: the buffers carry kLanePadding spare
-// entries, and what the spare lanes compute is masked out or never read. One key at a time: the
-// lanes of processors without SSE2 (compiled everywhere all the same).
+// entries, and what the spare lanes compute is masked out or never read.
+
+// One key at a time: the lanes of processors without SSE2 (compiled everywhere all the same).
 struct OneKey {
   using V = float;
   [[maybe_unused]] static constexpr Int kWidth = 1;
